@@ -1,0 +1,81 @@
+// A main for benchmark executables that also reports, for declared pairs,
+// the ratio of a benchmark's time to its baseline measured in the same run.
+//
+//   VESK_BENCH_RATIO(BM_Disabled, BM_Empty, 3.0);  // goal: at most 3x
+//   VESK_BENCH_MAIN();
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace VeskBench {
+
+struct RatioPair {
+    std::string subject;
+    std::string baseline;
+    double goal;
+};
+
+inline std::vector<RatioPair>& Ratios() {
+    static std::vector<RatioPair> pairs;
+    return pairs;
+}
+
+struct RatioRegistrar {
+    RatioRegistrar(const char* subject, const char* baseline, double goal) {
+        Ratios().push_back({subject, baseline, goal});
+    }
+};
+
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs)
+            if (run.run_type == Run::RT_Iteration)
+                times[run.benchmark_name()] = run.GetAdjustedCPUTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    // Prints one line per pair; returns how many pairs missed their goal.
+    int PrintRatios() const {
+        int missed = 0;
+        for (const RatioPair& pair : Ratios()) {
+            auto subject = times.find(pair.subject);
+            auto baseline = times.find(pair.baseline);
+            if (subject == times.end() || baseline == times.end() || baseline->second <= 0)
+                continue;
+            const double ratio = subject->second / baseline->second;
+            const bool met = ratio <= pair.goal;
+            missed += met ? 0 : 1;
+            printf("ratio %s / %s = %.2f (goal <= %.1f: %s)\n", pair.subject.c_str(),
+                   pair.baseline.c_str(), ratio, pair.goal, met ? "met" : "missed");
+        }
+        return missed;
+    }
+
+  private:
+    std::map<std::string, double> times;
+};
+
+}  // namespace VeskBench
+
+#define VESK_BENCH_CONCAT2(a, b) a##b
+#define VESK_BENCH_CONCAT(a, b) VESK_BENCH_CONCAT2(a, b)
+#define VESK_BENCH_RATIO(subject, baseline, goal)                                                 \
+    static ::VeskBench::RatioRegistrar VESK_BENCH_CONCAT(s_ratio_, __LINE__)(#subject, #baseline, \
+                                                                             goal)
+
+// Missed goals are reported, not failed: timing belongs to the reader.
+#define VESK_BENCH_MAIN()                             \
+    int main(int argc, char** argv) {                 \
+        benchmark::Initialize(&argc, argv);           \
+        ::VeskBench::RatioReporter reporter;          \
+        benchmark::RunSpecifiedBenchmarks(&reporter); \
+        reporter.PrintRatios();                       \
+        benchmark::Shutdown();                        \
+        return 0;                                     \
+    }

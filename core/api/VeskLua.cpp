@@ -1,0 +1,25 @@
+#include "core/api/VeskLua.h"
+
+#include <wx/thread.h>
+
+#include "slb/Manager.h"
+
+bool VeskLua_Init() {
+    static wxMutex s_cs;
+    wxMutexLocker lock(s_cs);
+    static bool b_InitDone = false;
+    if (b_InitDone)
+        return true;
+    // Set first: a registration that fails half-way is never repeated.
+    b_InitDone = true;
+    // The modules register here, in this order, as they are built: own names
+    // (application, credentials, files), then HmdLua_Init, HttpLua_Init,
+    // LuaStream_Init, NetLua_Init, OpenSslLua_Init, WxLua_Init.
+    SLB::Manager::defaultManager();
+    return true;
+}
+
+bool VeskLua_Term() {
+    SLB::Manager::destroyDefaultManager();
+    return true;
+}

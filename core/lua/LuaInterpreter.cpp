@@ -1,0 +1,318 @@
+#include "core/lua/LuaInterpreter.h"
+
+#include <wx/dynlib.h>
+#include <wx/log.h>
+#include <wx/mstream.h>
+#include <wx/sstream.h>
+#include <wx/stream.h>
+#include <wx/thread.h>
+
+#include <lua.hpp>
+#include <new>
+
+#include "core/runtime/LogTrace.h"
+#include "slb/Manager.h"
+
+namespace VeskCore {
+namespace {
+
+constexpr const char* kMaskRegistryKey = "VeskCore::CLuaInterpreter::TraceMask";
+
+// Lua hands out UTF-8 as it was given; an error text with stray bytes should
+// still reach the reader, escaped, rather than vanish.
+wxString FromLuaText(const char* text, size_t length) {
+    wxString converted = wxString::FromUTF8(text, length);
+    if (converted.empty() && length > 0) {
+        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
+        converted = wxString(text, lenient, length);
+    }
+    return converted;
+}
+
+// True when `text` converts from UTF-8; print drops a piece that does not,
+// as the conversion to the local encoding always has.
+bool IsUtf8(const char* text, size_t length) {
+    return length == 0 || !wxString::FromUTF8(text, length).empty();
+}
+
+void LogPrinted(const char* text, size_t length) {
+    wxLogMessage(wxS("%08lu %s"), static_cast<unsigned long>(wxThread::GetCurrentId()),
+                 wxString::FromUTF8(text, length));
+}
+
+}  // namespace
+
+CLuaInterpreter::CLuaInterpreter(bool sandboxed, const char* traceMask, bool registerSLB)
+    : sandboxed(sandboxed), traceMask(wxString::FromUTF8(traceMask ? traceMask : "")) {
+    traceMaskUtf8 = this->traceMask.utf8_string();
+    state = luaL_newstate();
+    if (state == nullptr)
+        throw std::bad_alloc();
+
+    // Set before the libraries open: package.path must not come from LUA_PATH.
+    lua_pushboolean(state, 1);
+    lua_setfield(state, LUA_REGISTRYINDEX, "LUA_NOENV");
+    TraceMemory("Bare Lua is using %d Kb");
+
+    lua_gc(state, LUA_GCSTOP, 0);
+    luaL_openlibs(state);
+    chunkEnd = std::make_unique<CLuaChunkEnd>(state);
+
+    lua_pushcfunction(state, LuaTraceback);
+    tracebackIndex = lua_gettop(state);
+    if (sandboxed) {
+        for (const char* name : {"debug", "io", "os"}) {
+            lua_pushnil(state);
+            lua_setglobal(state, name);
+        }
+    } else {
+        lua_getglobal(state, "os");  // stays on the stack for the state's life
+        lua_pushcfunction(state, OsExit);
+        lua_setfield(state, -2, "exit");
+    }
+    lua_gc(state, LUA_GCRESTART, 0);
+    CollectAndTrace("After initialization, Lua is using %d Kb");
+
+    if (registerSLB)
+        SLB::Manager::defaultManager()->registerSLB(state);
+
+    lua_pushlightuserdata(state, nullptr);
+    lua_pushcclosure(state, LuaPrint, 1);
+    printIndex = lua_gettop(state);
+    lua_pushvalue(state, printIndex);
+    lua_setglobal(state, "print");
+    CollectAndTrace("After print redefinition, Lua is using %d Kb");
+
+    InstallHookIfVerbose();
+}
+
+CLuaInterpreter::~CLuaInterpreter() {
+    if (state == nullptr)
+        return;
+    lua_settop(state, 0);
+    lua_gc(state, LUA_GCCOLLECT, 0);
+    TraceMemory("Just before close, Lua is using %d Kb");
+    lua_close(state);
+    state = nullptr;
+}
+
+void CLuaInterpreter::TraceMemory(const char* stage) {
+    LogTrace(traceMaskUtf8.c_str(), stage, lua_gc(state, LUA_GCCOUNT, 0));
+}
+
+void CLuaInterpreter::CollectAndTrace(const char* stage) {
+    lua_gc(state, LUA_GCCOLLECT, 0);
+    TraceMemory(stage);
+}
+
+// The hook is decided once, by an exact entry: a wildcard that happens to
+// match must not slow every line of every thread down.
+void CLuaInterpreter::InstallHookIfVerbose() {
+    if (!wxLog::IsAllowedTraceMask(traceMask))
+        return;
+    lua_pushlightuserdata(state, &traceMask);
+    lua_setfield(state, LUA_REGISTRYINDEX, kMaskRegistryKey);
+    lua_sethook(state, LuaHook, LUA_MASKCALL | LUA_MASKRET | LUA_MASKLINE, 0);
+    TraceMemory("After sethook, Lua is using %d Kb");
+}
+
+void CLuaInterpreter::SetPrint(wxOutputStream* output) {
+    lua_pushlightuserdata(state, output);
+    lua_pushcclosure(state, LuaPrint, 1);
+    lua_setglobal(state, "print");
+}
+
+int CLuaInterpreter::RunScript(const wxString& source, int nArgs, int nResults,
+                               const wxString& chunkName, wxOutputStream* output) {
+    wxStringInputStream stream(source);
+    return RunScript(stream, nArgs, nResults, chunkName, output);
+}
+
+int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
+                               const wxString& chunkName, wxOutputStream* output) {
+    const int top = lua_gettop(state);
+    LogTrace(traceMaskUtf8.c_str(), "RunScript()");
+    errorInfo.clear();
+
+    int status;
+    {
+        wxMemoryOutputStream text;
+        source.Read(text);
+        const wxStreamBuffer* bytes = text.GetOutputStreamBuffer();
+        const std::string name = chunkName.utf8_string();
+        status = luaL_loadbufferx(state, static_cast<const char*>(bytes->GetBufferStart()),
+                                  bytes->GetIntPosition(), name.c_str(), nullptr);
+    }
+    CollectAndTrace("After loadbuffer, Lua is using %d Kb");
+    if (status != LUA_OK) {
+        const char* message = lua_tostring(state, -1);
+        if (message != nullptr) {
+            wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d (%s)"), status,
+                       FromLuaText(message, strlen(message)));
+        } else {
+            wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d"), status);
+        }
+        lua_settop(state, top);
+        return status;
+    }
+    return RunLoaded(top, nArgs, nResults, output);
+}
+
+int CLuaInterpreter::RunLoaded(int top, int nArgs, int nResults, wxOutputStream* output) {
+    SetPrint(output);
+    CollectAndTrace("After print redefinition, Lua is using %d Kb");
+
+    int status = lua_pcallk(state, nArgs, nResults, tracebackIndex, 0, nullptr);
+    TraceMemory("After pcall, Lua is using %d Kb");
+
+    const CLuaChunkEnd::Reason reason = chunkEnd->GetReason();
+    std::exception_ptr thrown = chunkEnd->TakeException();
+    chunkEnd->Reset();
+    // A script can catch the end and return normally from C code; the
+    // recorded reason, not the status, says how the chunk ended.
+    if (reason == CLuaChunkEnd::Reason::Exit)
+        status = -1;
+    if (reason == CLuaChunkEnd::Reason::NativeException && status == LUA_OK)
+        status = LUA_ERRRUN;
+
+    if (status != LUA_OK) {
+        if (status != -1 && !thrown)
+            KeepError(status, output);
+        lua_settop(state, top);
+    }
+    // The standing print goes back even when an exception passes on: the
+    // chunk's stream may not outlive the caller's handling of it.
+    lua_pushvalue(state, printIndex);
+    lua_setglobal(state, "print");
+    lua_gc(state, LUA_GCCOLLECT, 0);
+    if (thrown)
+        std::rethrow_exception(thrown);
+    return status;
+}
+
+void CLuaInterpreter::KeepError(int status, wxOutputStream* output) {
+    if (lua_isnil(state, -1) || !lua_isstring(state, -1))
+        return;
+    size_t length = 0;
+    const char* message = lua_tolstring(state, -1, &length);
+    errorInfo = FromLuaText(message, length);
+    if (output == nullptr)
+        wxLogError(wxS("%s"), errorInfo);
+}
+
+void CLuaInterpreter::SetPackagePaths(const std::string& binPath, const std::string& luaPath,
+                                      const std::string& cPath, const std::string& zipPath) {
+    const std::string module = "?" + wxDynamicLibrary::GetDllExt().utf8_string();
+    lua_getglobal(state, "package");  // +1
+    if (!zipPath.empty()) {
+        lua_pushlstring(state, zipPath.data(), zipPath.size());
+        lua_setfield(state, -2, "zippath");
+    }
+    std::string path = luaPath.empty() ? std::string() : luaPath + ";";
+    path += binPath + "/lua/?.lua;" + binPath + "/lua/?/init.lua";
+    lua_pushlstring(state, path.data(), path.size());
+    lua_setfield(state, -2, "path");
+
+    std::string cpath = cPath.empty() ? std::string() : cPath + ";";
+    cpath += binPath + "/lib/" + module + ";" + binPath + "/../lib/" + module + ";" + binPath +
+             "/" + module;
+    lua_pushlstring(state, cpath.data(), cpath.size());
+    lua_setfield(state, -2, "cpath");
+    lua_pop(state, 1);
+}
+
+// An error value that is no text (nil, a table, the end of a chunk) passes
+// unchanged, so that RunScript reports no error text for it.
+int CLuaInterpreter::LuaTraceback(lua_State* L) {
+    const char* message = lua_tostring(L, 1);
+    if (message == nullptr)
+        return 1;
+    luaL_traceback(L, L, message, 2);
+    return 1;
+}
+
+int CLuaInterpreter::OsExit(lua_State* L) {
+    CLuaChunkEnd::RaiseExit(L);
+}
+
+// No C++ object may be alive at a point where Lua can raise: the pieces are
+// gathered on the Lua side and handed to wx only once all have converted.
+int CLuaInterpreter::LuaPrint(lua_State* L) {
+    auto* output = static_cast<wxOutputStream*>(lua_touserdata(L, lua_upvalueindex(1)));
+    const int count = lua_gettop(L);
+    lua_getglobal(L, "tostring");
+    if (!lua_isfunction(L, -1)) {
+        lua_pop(L, 1);
+        lua_pushstring(L,
+                       "ERROR: Unable to print() without the tostring() function. Did you "
+                       "remove it?");
+        return lua_error(L);
+    }
+    luaL_Buffer line;
+    if (output == nullptr)
+        luaL_buffinit(L, &line);  // sits above tostring
+    const int tostring = count + 1;
+    for (int i = 1; i <= count; ++i) {
+        lua_pushvalue(L, tostring);
+        lua_pushvalue(L, i);
+        lua_call(L, 1, 1);
+        size_t length = 0;
+        const char* text = lua_tolstring(L, -1, &length);
+        if (text == nullptr)
+            return luaL_error(L, "'tostring' must return a string to 'print'");
+        if (output != nullptr) {
+            if (i > 1)
+                output->PutC('\t');
+            output->Write(text, length);
+            lua_pop(L, 1);
+        } else {
+            if (i > 1)
+                luaL_addchar(&line, '\t');
+            if (IsUtf8(text, length)) {
+                luaL_addvalue(&line);
+            } else {
+                lua_pop(L, 1);
+            }
+        }
+    }
+    if (output != nullptr) {
+        output->PutC('\n');
+        return 0;
+    }
+    luaL_pushresult(&line);
+    size_t length = 0;
+    const char* text = lua_tolstring(L, -1, &length);
+    LogPrinted(text, length);
+    return 0;
+}
+
+void CLuaInterpreter::LuaHook(lua_State* L, lua_Debug* ar) {
+    lua_getfield(L, LUA_REGISTRYINDEX, kMaskRegistryKey);
+    auto* mask = static_cast<const wxString*>(lua_touserdata(L, -1));
+    lua_pop(L, 1);
+    if (mask == nullptr || lua_getinfo(L, "Sln", ar) == 0)
+        return;
+    const std::string maskText = mask->utf8_string();
+    const char* name = ar->name != nullptr ? ar->name : "null";
+    const int line = ar->currentline;
+    switch (ar->event) {
+        case LUA_HOOKCALL:
+        case LUA_HOOKRET: {
+            const char* tag = ar->event == LUA_HOOKCALL ? "Call" : "Rtrn";
+            if (line > 0) {
+                LogTrace(maskText.c_str(), "%s:%s:%d:%s", tag, ar->short_src, line, name);
+            } else if (ar->name != nullptr) {
+                LogTrace(maskText.c_str(), "%s:%s:%s", tag, ar->short_src, name);
+            }
+            break;
+        }
+        case LUA_HOOKLINE:
+            if (line > 0)
+                LogTrace(maskText.c_str(), "Line:%s:%d", ar->short_src, line);
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace VeskCore

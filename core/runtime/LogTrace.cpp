@@ -1,0 +1,231 @@
+#include "core/runtime/LogTrace.h"
+
+#include <wx/log.h>
+#include <wx/string.h>
+#include <wx/thread.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <lua.hpp>
+
+namespace VeskCore {
+namespace {
+
+constexpr size_t kLineSize = 4096;
+
+// wxString::Matches semantics ('*' any run, '?' one character), over any
+// character type, so that an ASCII mask is matched without building a
+// wxString on every disabled trace call.
+template <typename SubjectChar>
+bool MatchesWildcard(const SubjectChar* subject, size_t subjectLength, const wxString& pattern) {
+    const wxStringCharType* p = pattern.wx_str();
+    const size_t patternLength = pattern.length();
+    size_t s = 0, i = 0, star = wxString::npos, resume = 0;
+    while (s < subjectLength) {
+        const wchar_t c = static_cast<wchar_t>(subject[s]);
+        if (i < patternLength && (p[i] == wxT('?') || p[i] == c)) {
+            ++s, ++i;
+        } else if (i < patternLength && p[i] == wxT('*')) {
+            star = i++;
+            resume = s;
+        } else if (star != wxString::npos) {
+            i = star + 1;
+            s = ++resume;
+        } else {
+            return false;
+        }
+    }
+    while (i < patternLength && p[i] == wxT('*'))
+        ++i;
+    return i == patternLength;
+}
+
+// An empty list is the common case in production and is tested first: it is
+// the cheapest of the three conditions.
+bool NoMasks() {
+    return wxLog::GetTraceMasks().empty();
+}
+
+template <typename SubjectChar>
+bool AnyMaskMatches(const SubjectChar* subject, size_t length) {
+    if (NoMasks() || !wxLog::IsEnabled() || wxLog::GetActiveTarget() == nullptr)
+        return false;
+    // The list is wx's and unguarded; walking a copy keeps a concurrent
+    // change from moving the array under us.
+    const wxArrayString masks(wxLog::GetTraceMasks());
+    for (const wxString& entry : masks)
+        if (MatchesWildcard(subject, length, entry))
+            return true;
+    return false;
+}
+
+bool IsAscii(const char* text, size_t length) {
+    return std::all_of(text, text + length, [](char c) { return (c & 0x80) == 0; });
+}
+
+// vsnprintf may cut a multi-byte character in two; drop the broken tail so
+// that a truncated line still converts as UTF-8.
+size_t TrimPartialUtf8(const char* text, size_t length) {
+    size_t start = length;
+    while (start > 0 && length - start < 3 && (text[start - 1] & 0xC0) == 0x80)
+        --start;
+    if (start == 0)
+        return length;
+    const unsigned char lead = static_cast<unsigned char>(text[start - 1]);
+    const size_t need = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    return length - (start - 1) < need ? start - 1 : length;
+}
+
+wxString LineToString(const char* line, size_t length) {
+    wxString text = wxString::FromUTF8(line, length);
+    if (text.empty() && length > 0) {
+        // Trace text can carry arbitrary bytes; keep them visible as escapes
+        // rather than losing the whole line to one invalid sequence.
+        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
+        text = wxString(line, lenient, length);
+    }
+    return text;
+}
+
+// wx holds back lines from threads without a target of their own until the
+// main thread flushes; trace lines must reach the host's target when written.
+void LogNow(wxLogLevel level, const wxString& text) {
+    if (wxThread::IsMain()) {
+        wxLog::OnLog(level, text, time(nullptr));
+        return;
+    }
+    wxLog* const own = wxLog::SetThreadActiveTarget(nullptr);
+    if (own != nullptr) {
+        wxLog::SetThreadActiveTarget(own);
+        wxLog::OnLog(level, text, time(nullptr));
+        return;
+    }
+    wxLog* const shared = wxLog::GetActiveTarget();
+    if (shared == nullptr)
+        return;
+    wxLog::SetThreadActiveTarget(shared);
+    wxLog::OnLog(level, text, time(nullptr));
+    wxLog::SetThreadActiveTarget(nullptr);
+}
+
+const char* MaskOf(_TraceSubsystem subsystem) {
+    return subsystem == TraceCmd ? "Cmd" : "";
+}
+
+wxString FromUtf8(const std::string& text) {
+    return wxString::FromUTF8(text.data(), text.size());
+}
+
+}  // namespace
+
+bool LogTraceIsEnabled(const wxString& mask) {
+    return AnyMaskMatches(mask.wx_str(), mask.length());
+}
+
+bool LogTraceIsEnabled(const char* mask) {
+    if (NoMasks())
+        return false;
+    if (mask == nullptr)
+        mask = "";
+    const size_t length = strlen(mask);
+    if (IsAscii(mask, length))
+        return AnyMaskMatches(mask, length);
+    return LogTraceIsEnabled(wxString::FromUTF8(mask, length));
+}
+
+void LogTraceV(const char* mask, const char* format, va_list args) {
+    if (!LogTraceIsEnabled(mask))
+        return;
+
+    char line[kLineSize];
+    // A mask longer than the line leaves no room for text; it is cut, never overrun.
+    const size_t n = mask == nullptr ? 0 : std::min(strlen(mask), kLineSize - 4);
+    line[0] = '[';
+    if (n > 0)
+        memcpy(line + 1, mask, n);
+    memcpy(line + 1 + n, "] ", 3);
+    const size_t textRoom = kLineSize - 4 - n;
+    size_t length = n + 3;
+    if (textRoom > 0) {
+        const int written = vsnprintf(line + length, textRoom, format, args);
+        if (written >= static_cast<int>(textRoom)) {
+            length = TrimPartialUtf8(line, length + textRoom - 1);
+        } else if (written > 0) {
+            length += written;
+        }
+    }
+    LogNow(wxLOG_Message, LineToString(line, length));
+}
+
+void LogTrace(const char* mask, const char* format, ...) {
+    if (NoMasks())
+        return;
+    va_list args;
+    va_start(args, format);
+    LogTraceV(mask, format, args);
+    va_end(args);
+}
+
+void LogTrace(_TraceSubsystem subsystem, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    LogTraceV(MaskOf(subsystem), format, args);
+    va_end(args);
+}
+
+void LogTraceLua(const wxString& mask, const wxString& text) {
+    const std::string maskBytes = mask.utf8_string();
+    if (!LogTraceIsEnabled(maskBytes.c_str()))
+        return;
+    const std::string textBytes = text.utf8_string();
+    LogTrace(maskBytes.c_str(), "%s", textBytes.c_str());
+}
+
+namespace {
+void LogAtLevel(lua_Integer level, const char* text) {
+    wxLogGeneric(static_cast<wxLogLevel>(level), wxS("%s"), wxString::FromUTF8(text));
+}
+}  // namespace
+
+int wxLogLua(lua_State* L) {
+    // Both checks may raise: they run before any C++ object exists here.
+    const lua_Integer level = luaL_checkinteger(L, lua_upvalueindex(1));
+    const char* text = luaL_checklstring(L, 1, nullptr);
+    LogAtLevel(level, text);
+    return 0;
+}
+
+void TraceMasksSet(const std::string& list) {
+    wxLog::ClearTraceMasks();
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == std::string::npos)
+            end = list.size();
+        if (end > start)
+            wxLog::AddTraceMask(FromUtf8(list.substr(start, end - start)));
+        start = end + 1;
+    }
+}
+
+void TraceMasksAdd(const std::string& mask) {
+    wxLog::AddTraceMask(FromUtf8(mask));
+}
+
+void TraceMasksRemove(const std::string& mask) {
+    wxLog::RemoveTraceMask(FromUtf8(mask));
+}
+
+std::string TraceMasksGet() {
+    const wxArrayString masks(wxLog::GetTraceMasks());
+    std::string joined;
+    for (size_t i = 0; i < masks.size(); ++i) {
+        if (i > 0)
+            joined += ',';
+        joined += masks[i].utf8_string();
+    }
+    return joined;
+}
+
+}  // namespace VeskCore

@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "agent/AgentOptions.h"
+#include "agent/StderrLog.h"
+
+namespace {
+
+bool Parse(std::vector<const char*> args, CAgentOptions& options, std::string& error) {
+    args.insert(args.begin(), "vesk-agent");
+    return CAgentOptions::Parse(static_cast<int>(args.size()), args.data(), options, error);
+}
+
+TEST(AgentOptions, AcceptsRunWithTraceInAnyOrder) {
+    CAgentOptions options;
+    std::string error;
+    ASSERT_TRUE(Parse({"--trace", "App,HTTP", "--run", "x.lua"}, options, error)) << error;
+    EXPECT_EQ(options.mode, CAgentOptions::Mode::Run);
+    EXPECT_EQ(options.script, "x.lua");
+    EXPECT_EQ(options.traceMasks, "App,HTTP");
+    ASSERT_TRUE(Parse({"--version"}, options, error));
+    EXPECT_EQ(options.mode, CAgentOptions::Mode::Version);
+    EXPECT_TRUE(options.script.empty());
+}
+
+TEST(AgentOptions, RejectsWhatItCannotDo) {
+    CAgentOptions options;
+    std::string error;
+    EXPECT_FALSE(Parse({}, options, error));
+    EXPECT_FALSE(Parse({"--frobnicate"}, options, error));
+    EXPECT_NE(error.find("--frobnicate"), std::string::npos);
+    EXPECT_FALSE(Parse({"--run"}, options, error));
+    EXPECT_NE(error.find("needs a value"), std::string::npos);
+    EXPECT_FALSE(Parse({"--run", "a.lua", "--version"}, options, error));
+    EXPECT_FALSE(Parse({"run.lua"}, options, error));
+}
+
+TEST(StderrLog, JournalLinesCarryPriorityInsteadOfTime) {
+    CStderrLog journal(true);
+    const wxString text = wxString::FromUTF8("héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_FatalError, text), "<3>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Error, text), "<3>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Warning, text), "<4>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Message, text), "<6>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Info, text), "<6>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Debug, text), "<7>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Trace, text), "<7>héllo");
+
+    CStderrLog terminal(false);
+    const std::regex stamped(
+        "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} Warning: héllo$");
+    EXPECT_TRUE(std::regex_match(terminal.FormatLine(wxLOG_Warning, text), stamped));
+}
+
+}  // namespace

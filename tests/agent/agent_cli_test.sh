@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# The agent's command line as an operator meets it: exit codes and streams.
+set -u
+agent=$1
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+failures=0
+passes=0
+
+expect() {  # expect NAME WANTED_STATUS COMMAND...
+  local name=$1 wanted=$2; shift 2
+  "$@" >"$tmp/out" 2>"$tmp/err"
+  local status=$?
+  if [ "$status" -ne "$wanted" ]; then
+    echo "FAIL $name: status $status, wanted $wanted"; sed 's/^/  err: /' "$tmp/err"
+    failures=$((failures + 1)); return 1
+  fi
+  passes=$((passes + 1))
+}
+contains() {  # contains NAME FILE TEXT
+  if ! grep -qF -- "$3" "$2"; then
+    echo "FAIL $1: '$3' not in $(basename "$2")"; sed 's/^/  /' "$2"
+    failures=$((failures + 1)); return 1
+  fi
+  passes=$((passes + 1))
+}
+
+expect help 0 "$agent" --help && contains help "$tmp/out" "Usage: vesk-agent --run FILE"
+expect version 0 "$agent" --version && contains version "$tmp/out" "vesk-agent 9."
+expect unknown 2 "$agent" --no-such-option && contains unknown "$tmp/err" "unknown option '--no-such-option'"
+expect nothing 2 "$agent"
+
+printf 'print("out", 1)\n' >"$tmp/ok.lua"
+expect run-ok 0 "$agent" --run "$tmp/ok.lua" && contains run-ok "$tmp/out" "out	1"
+
+printf 'print("before")\nos.exit(5)\nprint("after")\n' >"$tmp/exit.lua"
+expect os-exit 0 "$agent" --run "$tmp/exit.lua" && contains os-exit "$tmp/out" "before"
+if grep -q after "$tmp/out"; then echo "FAIL os-exit: ran past os.exit"; failures=$((failures + 1)); fi
+
+printf 'local function f() error("broken here") end\nf()\n' >"$tmp/fail.lua"
+expect run-error 1 "$agent" --run "$tmp/fail.lua" &&
+  contains run-error "$tmp/err" "fail.lua:1: broken here" && contains run-error "$tmp/err" "stack traceback:"
+
+printf 'x = = 1\n' >"$tmp/syntax.lua"
+expect syntax 1 "$agent" --run "$tmp/syntax.lua" && contains syntax "$tmp/err" "luaL_loadbuffer() returned 3"
+
+expect missing 1 "$agent" --run "$tmp/none.lua" && contains missing "$tmp/err" "cannot read"
+
+printf 'print("traced")\n' >"$tmp/trace.lua"
+JOURNAL_STREAM=8:1 expect journal 0 "$agent" --run "$tmp/trace.lua" --trace 'Main.verbose' &&
+  contains journal "$tmp/err" "<6>[Main.verbose] Line:" && contains journal "$tmp/out" "traced"
+
+echo "$passes passed, $failures failed"
+[ "$failures" -eq 0 ]

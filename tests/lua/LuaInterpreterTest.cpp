@@ -1,0 +1,267 @@
+#include <gtest/gtest.h>
+#include <wx/mstream.h>
+
+#include <cstdlib>
+#include <lua.hpp>
+#include <regex>
+#include <string>
+
+#include "core/lua/LuaInterpreter.h"
+#include "core/runtime/LogTrace.h"
+#include "tests/support/CapturingLog.h"
+
+using namespace VeskCore;
+using VeskTest::CapturingLog;
+
+namespace {
+
+class Interpreter : public ::testing::Test {
+  protected:
+    void SetUp() override { TraceMasksSet(""); }
+    void TearDown() override { TraceMasksSet(""); }
+
+    // Runs `source` with print going to `printed`; returns the status.
+    int Run(const char* source, int nResults = 0) {
+        printed.clear();
+        wxMemoryOutputStream output;
+        const int status =
+            lua.RunScript(wxString::FromUTF8(source), 0, nResults, wxS("test"), &output);
+        const size_t size = output.GetSize();
+        printed.resize(size);
+        if (size > 0)
+            output.CopyTo(&printed[0], size);
+        return status;
+    }
+    int RunToLog(const char* source) {
+        return lua.RunScript(wxString::FromUTF8(source), 0, 0, wxS("test"), nullptr);
+    }
+    std::string Global(const char* name) {
+        lua_getglobal(lua.L(), name);
+        const char* value = lua_tostring(lua.L(), -1);
+        std::string text = value ? value : "nil";
+        lua_pop(lua.L(), 1);
+        return text;
+    }
+    std::string Errors() const {
+        std::string all;
+        for (const std::string& line : log.Texts(wxLOG_Error))
+            all += line + "\n";
+        return all;
+    }
+
+    CapturingLog log;
+    CLuaInterpreter lua{false, "Test", false};
+    std::string printed;
+};
+
+TEST_F(Interpreter, PrintWritesRawBytesTabSeparatedToTheStream) {
+    ASSERT_EQ(Run("print()"), 0);
+    EXPECT_EQ(printed, "\n");
+    ASSERT_EQ(Run("print(1, 'a', nil, true, '\\0x')"), 0);
+    const char expected[] = "1\ta\tnil\ttrue\t\0x\n";
+    EXPECT_EQ(printed, std::string(expected, sizeof expected - 1));
+    ASSERT_EQ(Run("print(setmetatable({}, {__tostring = function() return 'obj' end}))"), 0);
+    EXPECT_EQ(printed, "obj\n");
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(Interpreter, PrintWithoutStreamLogsThreadIdAndText) {
+    ASSERT_EQ(RunToLog("print(); print('a', 2); print('bad\\255', 'ok')"), 0);
+    const std::vector<std::string> lines = log.Texts(wxLOG_Message);
+    ASSERT_EQ(lines.size(), 3u);
+    const std::regex threadId("^[0-9]{8,} ");
+    EXPECT_TRUE(std::regex_search(lines[0], threadId)) << lines[0];
+    EXPECT_EQ(lines[0].back(), ' ');
+    EXPECT_EQ(lines[1].substr(lines[1].find(' ') + 1), "a\t2");
+    // A piece that is not UTF-8 converts to nothing, as it always has.
+    EXPECT_EQ(lines[2].substr(lines[2].find(' ') + 1), "\tok");
+}
+
+TEST_F(Interpreter, PrintReportsMisbehavingTostring) {
+    EXPECT_EQ(Run("print(setmetatable({}, {__tostring = function() return {} end}))"), LUA_ERRRUN);
+    EXPECT_NE(lua.GetErrorInfo().utf8_string().find("'tostring' must return a string to 'print'"),
+              std::string::npos);
+    EXPECT_EQ(Run("tostring = nil; print('x')"), LUA_ERRRUN);
+    EXPECT_EQ(
+        lua.GetErrorInfo().utf8_string().rfind(
+            "ERROR: Unable to print() without the tostring() function. Did you remove it?", 0),
+        0u);
+    EXPECT_TRUE(Errors().empty());  // a stream was given: the caller reads GetErrorInfo
+}
+
+TEST_F(Interpreter, PrintGoesBackToTheLogAfterTheChunk) {
+    ASSERT_EQ(Run("co = coroutine.wrap(function() print('later') end)"), 0);
+    ASSERT_EQ(RunToLog("co()"), 0);
+    ASSERT_EQ(log.Texts(wxLOG_Message).size(), 1u);
+    EXPECT_NE(log.Texts(wxLOG_Message)[0].find(" later"), std::string::npos);
+}
+
+TEST_F(Interpreter, EmptySourceRunsAndResultsStayOnTheStack) {
+    const int base = lua_gettop(lua.L());
+    EXPECT_EQ(Run(""), 0);
+    EXPECT_EQ(lua_gettop(lua.L()), base);
+    EXPECT_EQ(Run("return 42", 1), 0);
+    ASSERT_EQ(lua_gettop(lua.L()), base + 1);
+    EXPECT_EQ(lua_tointeger(lua.L(), -1), 42);
+    lua_settop(lua.L(), base);
+}
+
+TEST_F(Interpreter, SyntaxErrorIsLoggedEvenWithAStream) {
+    const int base = lua_gettop(lua.L());
+    EXPECT_EQ(Run("x = = 1"), LUA_ERRSYNTAX);
+    EXPECT_TRUE(lua.GetErrorInfo().empty());
+    EXPECT_EQ(lua_gettop(lua.L()), base);
+    EXPECT_NE(Errors().find("CLuaInterpreter: luaL_loadbuffer() returned 3 ([string \"test\"]:1:"),
+              std::string::npos)
+        << Errors();
+}
+
+TEST_F(Interpreter, RuntimeErrorCarriesTracebackAndIsLoggedOnlyWithoutStream) {
+    const int base = lua_gettop(lua.L());
+    EXPECT_EQ(Run("local function f() error('boom') end f()"), LUA_ERRRUN);
+    const std::string info = lua.GetErrorInfo().utf8_string();
+    EXPECT_NE(info.find("boom"), std::string::npos);
+    EXPECT_NE(info.find("stack traceback:"), std::string::npos);
+    EXPECT_TRUE(Errors().empty());
+    EXPECT_EQ(lua_gettop(lua.L()), base);
+
+    EXPECT_EQ(RunToLog("error('logged')"), LUA_ERRRUN);
+    EXPECT_NE(Errors().find("logged"), std::string::npos);
+    EXPECT_EQ(lua_gettop(lua.L()), base);
+
+    // A success clears the last failure.
+    EXPECT_EQ(Run("x = 1"), 0);
+    EXPECT_TRUE(lua.GetErrorInfo().empty());
+}
+
+TEST_F(Interpreter, ErrorValueThatIsNoStringLeavesNoErrorInfo) {
+    log.Clear();
+    EXPECT_EQ(RunToLog("error(nil)"), LUA_ERRRUN);
+    EXPECT_EQ(RunToLog("error({})"), LUA_ERRRUN);
+    EXPECT_TRUE(lua.GetErrorInfo().empty());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(Interpreter, OsExitEndsTheChunkNotTheProcess) {
+    const int base = lua_gettop(lua.L());
+    struct Case {
+        const char* name;
+        const char* source;
+    } cases[] = {
+        {"plain", "os.exit(0); after = 'ran'"},
+        {"status ignored", "os.exit(3, true); after = 'ran'"},
+        {"pcall", "pcall(os.exit); after = 'ran'"},
+        {"pcall in function", "local ok = pcall(function() os.exit(1) end) after = 'ran'"},
+        {"nested pcall", "pcall(pcall, os.exit) after = 'ran'"},
+        {"xpcall with Lua handler",
+         "xpcall(os.exit, function(e) handled = true; return e end) after = 'ran'"},
+        {"coroutine",
+         "local co = coroutine.create(function() os.exit() end)\n"
+         "coroutine.resume(co) after = 'ran'"},
+        {"coroutine pcall",
+         "local co = coroutine.create(function() pcall(os.exit) after='co' end)\n"
+         "coroutine.resume(co) after = 'ran'"},
+        {"nested coroutines",
+         "local inner = coroutine.create(function() os.exit() end)\n"
+         "local outer = coroutine.create(function() pcall(coroutine.resume, inner) after = 'outer' "
+         "end)\n"
+         "pcall(coroutine.resume, outer) after = 'ran'"},
+        {"wrap under pcall",
+         "local f = coroutine.wrap(function() os.exit() end) pcall(f) after = 'ran'"},
+        {"error handler of pcall in loop", "for i = 1, 10 do pcall(os.exit) end after = 'ran'"},
+    };
+    for (const Case& c : cases) {
+        log.Clear();
+        ASSERT_EQ(Run("after = nil"), 0);
+        EXPECT_EQ(Run(c.source), -1) << c.name;
+        EXPECT_EQ(Global("after"), "nil") << c.name;
+        EXPECT_TRUE(printed.empty()) << c.name;
+        EXPECT_TRUE(lua.GetErrorInfo().empty()) << c.name;
+        EXPECT_TRUE(log.Lines().empty()) << c.name << ": " << log.Lines()[0].text;
+        EXPECT_EQ(lua_gettop(lua.L()), base) << c.name;
+    }
+}
+
+TEST_F(Interpreter, ManyExitsLeaveTheStateWorking) {
+    const int base = lua_gettop(lua.L());
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(Run("pcall(os.exit, 0)"), -1) << i;
+    EXPECT_EQ(lua_gettop(lua.L()), base);
+    ASSERT_EQ(Run("local t = {} for i = 1, 100 do t[i] = i end print(#t, pcall(error, 'e'))"), 0);
+    EXPECT_EQ(printed, "100\tfalse\te\n");
+    // Hooks are gone: a long loop is not ended by a stale re-raise.
+    ASSERT_EQ(Run("local n = 0 for i = 1, 100000 do n = n + 1 end print(n)"), 0);
+    EXPECT_EQ(printed, "100000\n");
+}
+
+TEST_F(Interpreter, PackagePathsDeriveFromTheInstallLocation) {
+    lua.SetPackagePaths("/opt/a", "", "", "");
+    ASSERT_EQ(Run("print(package.path) print(package.cpath) print(#package.searchers, "
+                  "package.zippath)"),
+              0);
+    EXPECT_EQ(printed,
+              "/opt/a/lua/?.lua;/opt/a/lua/?/init.lua\n"
+              "/opt/a/lib/?.so;/opt/a/../lib/?.so;/opt/a/?.so\n"
+              "4\tnil\n");
+    lua.SetPackagePaths("/b", "/x/?.lua", "/y/?.so", "/z.zip");
+    ASSERT_EQ(Run("print(package.path) print(package.cpath) print(package.zippath)"), 0);
+    EXPECT_EQ(printed,
+              "/x/?.lua;/b/lua/?.lua;/b/lua/?/init.lua\n"
+              "/y/?.so;/b/lib/?.so;/b/../lib/?.so;/b/?.so\n"
+              "/z.zip\n");
+}
+
+TEST(InterpreterSetup, EnvironmentDoesNotReachPackagePaths) {
+    setenv("LUA_PATH", "/from/env/?.lua", 1);
+    setenv("LUA_CPATH_5_2", "/from/env/?.so", 1);
+    CLuaInterpreter lua(false, nullptr, false);
+    unsetenv("LUA_PATH");
+    unsetenv("LUA_CPATH_5_2");
+    ASSERT_EQ(luaL_dostring(lua.L(), "return package.path .. package.cpath"), LUA_OK);
+    EXPECT_EQ(std::string(lua_tostring(lua.L(), -1)).find("/from/env"), std::string::npos);
+    lua_pop(lua.L(), 1);
+}
+
+TEST(InterpreterSetup, SandboxRemovesDebugIoAndOs) {
+    CLuaInterpreter lua(true, nullptr, false);
+    ASSERT_EQ(luaL_dostring(lua.L(), "return type(debug)..type(io)..type(os)..type(string)"),
+              LUA_OK);
+    EXPECT_STREQ(lua_tostring(lua.L(), -1), "nilnilniltable");
+    lua_pop(lua.L(), 1);
+}
+
+TEST(InterpreterSetup, MemoryLinesUseTheMaskAndHookNeedsTheExactEntry) {
+    CapturingLog log;
+    auto callLines = [&] {
+        int calls = 0;
+        for (const std::string& line : log.Texts(wxLOG_Message))
+            if (line.find("Call:") != std::string::npos || line.find("Line:") != std::string::npos)
+                ++calls;
+        return calls;
+    };
+    const char* chunk = "local function f(x) return x + 1 end\nlocal y = f(1)\n";
+
+    TraceMasksSet("T.*");  // matches, but is no exact entry: no hook
+    {
+        CLuaInterpreter lua(false, "T.verbose", false);
+        ASSERT_EQ(lua.RunScript(wxString::FromUTF8(chunk), 0, 0, wxS("chunk"), nullptr), 0);
+    }
+    EXPECT_TRUE(log.Contains("[T.verbose] Bare Lua is using "));
+    EXPECT_TRUE(log.Contains("[T.verbose] After pcall, Lua is using "));
+    EXPECT_TRUE(log.Contains("[T.verbose] Just before close, Lua is using "));
+    EXPECT_EQ(callLines(), 0);
+
+    log.Clear();
+    TraceMasksSet("T.verbose");
+    {
+        CLuaInterpreter lua(false, "T.verbose", false);
+        ASSERT_EQ(lua.RunScript(wxString::FromUTF8(chunk), 0, 0, wxS("chunk"), nullptr), 0);
+    }
+    EXPECT_TRUE(log.Contains("[T.verbose] After sethook, Lua is using "));
+    EXPECT_TRUE(log.Contains("[T.verbose] Line:[string \"chunk\"]:2"));
+    EXPECT_TRUE(log.Contains("[T.verbose] Call:[string \"chunk\"]:1:f"));
+    EXPECT_TRUE(log.Contains("[T.verbose] Rtrn:[string \"chunk\"]:1:f"));
+    TraceMasksSet("");
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+#include <wx/app.h>
+
+#include <lua.hpp>
+#include <string>
+
+#include "core/api/VeskLua.h"
+#include "core/runtime/vesk_core.h"
+#include "slb/CopyValue.h"
+#include "slb/Manager.h"
+
+namespace {
+
+// A name of the process registry that the module table itself lacks.
+const bool s_ProbeRegistered = [] {
+    SLB::Manager::defaultManager()->set("probe::answer", new SLB::CopyValue<int>(42));
+    return true;
+}();
+
+// A Lua state that ran luaopen_vesk_core; the module table is global "vesk".
+class ModuleTable : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        L = luaL_newstate();
+        luaL_openlibs(L);
+        luaL_requiref(L, "vesk_core", luaopen_vesk_core, 0);
+        lua_setglobal(L, "vesk");
+    }
+    void TearDown() override { lua_close(L); }
+
+    std::string Eval(const char* expression) {
+        const std::string chunk = std::string("return tostring(") + expression + ")";
+        if (luaL_dostring(L, chunk.c_str()) != LUA_OK)
+            return lua_tostring(L, -1);
+        std::string value = lua_tostring(L, -1);
+        lua_pop(L, 1);
+        return value;
+    }
+
+    lua_State* L = nullptr;
+};
+
+TEST_F(ModuleTable, CarriesVersionPlatformAndWidths) {
+    EXPECT_EQ(Eval("vesk.version"), "9.0.0.5505");
+    EXPECT_EQ(Eval("vesk.versionMajor .. '.' .. vesk.versionMinor .. '.' .. vesk.versionSP .. "
+                   "'.' .. vesk.versionBuild"),
+              "9.0.0.5505");
+    EXPECT_EQ(Eval("vesk.linux"), "true");
+    EXPECT_EQ(Eval("vesk.solaris"), "nil");
+    EXPECT_EQ(Eval("vesk.int_bits .. ' ' .. vesk.long_bits .. ' ' .. vesk.ptr_bits"),
+              std::to_string(sizeof(int) * 8) + " " + std::to_string(sizeof(long) * 8) + " " +
+                  std::to_string(sizeof(void*) * 8));
+    EXPECT_EQ(Eval("vesk.platform:match('^Linux_[^;]+;%d+;%d+;%d+;[^;]*;[^;]+$') ~= nil"), "true");
+    EXPECT_EQ(Eval("type(vesk.releaseBuild)"), "boolean");
+}
+
+TEST_F(ModuleTable, HasTheEightLogFunctionsAndIsItsOwnMetatable) {
+    for (const char* name : {"wxLogFatalError", "wxLogError", "wxLogWarning", "wxLogMessage",
+                             "wxLogStatus", "wxLogInfo", "wxLogDebug", "wxLogTrace"}) {
+        EXPECT_EQ(Eval((std::string("type(vesk.") + name + ")").c_str()), "function") << name;
+    }
+    EXPECT_EQ(Eval("getmetatable(vesk) == vesk"), "true");
+    EXPECT_EQ(Eval("rawget(vesk, '__index') == SLB"), "true");
+}
+
+TEST_F(ModuleTable, NamesItLacksResolveInTheBinderTable) {
+    ASSERT_TRUE(s_ProbeRegistered);
+    EXPECT_EQ(Eval("vesk.probe.answer"), "42");
+    EXPECT_EQ(Eval("rawget(vesk, 'probe')"), "nil");
+}
+
+TEST_F(ModuleTable, EachOpenGivesAFreshTableOverTheSameBinding) {
+    ASSERT_EQ(luaL_dostring(L, "return package.loaded.vesk_core, SLB"), LUA_OK);
+    lua_pushcfunction(L, luaopen_vesk_core);
+    lua_call(L, 0, 1);
+    EXPECT_FALSE(lua_rawequal(L, -1, -3));
+    lua_getglobal(L, "SLB");
+    EXPECT_TRUE(lua_rawequal(L, -1, -3)) << "a bound state must not be bound again";
+    lua_pop(L, 4);
+}
+
+TEST(Lifecycle, InitAndTermAreOnceOnlyAndAlwaysSucceedAfterwards) {
+    EXPECT_EQ(VeskCore_Init(), 1);
+    EXPECT_EQ(VeskCore_Init(), 1);
+    EXPECT_NE(wxAppConsole::GetInstance(), nullptr);  // wx was started for the host
+    EXPECT_TRUE(VeskLua_Init());
+    EXPECT_EQ(VeskCore_Term(), 1);
+    EXPECT_EQ(VeskCore_Term(), 1);
+    EXPECT_EQ(VeskCore_Init(), 1);  // no second start in one process
+}
+
+// The host's own wx application must be left alone: run in a child process,
+// since wx starts once per process.
+TEST(LifecycleDeathTest, ExistingApplicationKeepsWxAsTheHostSetItUp) {
+    EXPECT_EXIT(
+        {
+            wxAppConsole hostApp;
+            wxAppConsole::SetInstance(&hostApp);
+            const int initialised = VeskCore_Init();
+            const bool untouched = wxAppConsole::GetInstance() == &hostApp &&
+                                   wxAppConsole::GetInitializerFunction() == nullptr;
+            wxAppConsole::SetInstance(nullptr);
+            std::exit(initialised == 1 && untouched ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

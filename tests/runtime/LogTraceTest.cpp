@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+#include <wx/thread.h>
+
+#include <lua.hpp>
+#include <string>
+#include <thread>
+
+#include "core/runtime/LogTrace.h"
+#include "core/runtime/vesk_core.h"
+#include "tests/support/CapturingLog.h"
+
+using namespace VeskCore;
+using VeskTest::CapturingLog;
+
+namespace {
+
+class LogTraceTest : public ::testing::Test {
+  protected:
+    void SetUp() override { TraceMasksSet(""); }
+    void TearDown() override { TraceMasksSet(""); }
+
+    std::vector<std::string> Messages() const { return log.Texts(wxLOG_Message); }
+
+    CapturingLog log;
+};
+
+TEST_F(LogTraceTest, LineIsBracketedMaskBlankTextAtMessageLevel) {
+    TraceMasksSet("App");
+    LogTrace("App", "%d items in %s", 3, "list");
+    LogTrace(TraceCmd, "command %s", "ran");  // not enabled: "Cmd" is no entry
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_EQ(log.Lines()[0].level, wxLOG_Message);
+    EXPECT_EQ(log.Lines()[0].text, "[App] 3 items in list");
+}
+
+TEST_F(LogTraceTest, MasksMatchEntriesAsWildcardPatterns) {
+    TraceMasksSet("SSL*,H?TP");
+    EXPECT_TRUE(LogTraceIsEnabled("SSL"));
+    EXPECT_TRUE(LogTraceIsEnabled("SSLMsg"));
+    EXPECT_TRUE(LogTraceIsEnabled(wxString::FromUTF8("HTTP")));
+    EXPECT_FALSE(LogTraceIsEnabled("HTTPData"));
+    EXPECT_FALSE(LogTraceIsEnabled("App"));
+    EXPECT_FALSE(LogTraceIsEnabled(static_cast<const char*>(nullptr)));
+
+    // The mask is the subject, never the pattern.
+    TraceMasksSet("App");
+    EXPECT_FALSE(LogTraceIsEnabled("A*"));
+
+    // Non-ASCII masks take the wxString path and still match.
+    TraceMasksSet("Zürich*");
+    EXPECT_TRUE(LogTraceIsEnabled("Zürich.verbose"));
+    EXPECT_FALSE(LogTraceIsEnabled("Zurich.verbose"));
+}
+
+TEST_F(LogTraceTest, LoneStarEnablesTheEmptyMaskWithEmptyBrackets) {
+    TraceMasksSet("*");
+    LogTrace(static_cast<const char*>(nullptr), "null mask");
+    LogTrace("", "empty mask");
+    LogTrace(TraceNone, "no subsystem");
+    LogTrace(TraceCmd, "cmd");
+    EXPECT_EQ(Messages(), (std::vector<std::string>{"[] null mask", "[] empty mask",
+                                                    "[] no subsystem", "[Cmd] cmd"}));
+}
+
+TEST_F(LogTraceTest, LongTextIsCutToTheLineBuffer) {
+    TraceMasksSet("App");
+    const std::string text(5000, 'x');
+    LogTrace("App", "%s", text.c_str());
+    const std::vector<std::string> lines = Messages();
+    ASSERT_EQ(lines.size(), 1u);
+    const std::string& line = lines[0];
+    EXPECT_LE(line.size() + 1, 4095u);  // with its terminating NUL
+    EXPECT_GT(line.size(), 4000u);
+    EXPECT_EQ(line.rfind("[App] xxx", 0), 0u);
+
+    // A cut through a multi-byte character must not lose the whole line.
+    log.Clear();
+    std::string accents;
+    for (int i = 0; i < 3000; ++i)
+        accents += "é";
+    LogTrace("App", "%s", accents.c_str());
+    ASSERT_EQ(Messages().size(), 1u);
+    EXPECT_GT(Messages()[0].size(), 4000u);
+    EXPECT_FALSE(wxString::FromUTF8(Messages()[0]).empty());
+
+    // A mask longer than the buffer is cut, never overrun.
+    log.Clear();
+    const std::string mask(5000, 'm');
+    TraceMasksSet("m*");
+    LogTrace(mask.c_str(), "text");
+    ASSERT_EQ(Messages().size(), 1u);
+    EXPECT_LE(Messages()[0].size() + 1, 4096u);
+}
+
+TEST_F(LogTraceTest, InvalidUtf8TextStaysVisible) {
+    TraceMasksSet("App");
+    LogTrace("App", "bytes %s end", "\xff\xfe");
+    ASSERT_EQ(Messages().size(), 1u);
+    EXPECT_EQ(Messages()[0].rfind("[App] bytes ", 0), 0u);
+    EXPECT_NE(Messages()[0].find(" end"), std::string::npos);
+}
+
+TEST_F(LogTraceTest, NothingIsFormattedWithoutTargetOrWhenLoggingIsOff) {
+    TraceMasksSet("*");
+    // Formatting this pointer as a string would crash: proof the format is not touched.
+    const char* poison = reinterpret_cast<const char*>(1);
+
+    wxLog* previous = wxLog::SetActiveTarget(nullptr);
+    EXPECT_FALSE(LogTraceIsEnabled("App"));
+    LogTrace("App", "%s", poison);
+    wxLog::SetActiveTarget(previous);
+
+    wxLog::EnableLogging(false);
+    EXPECT_FALSE(LogTraceIsEnabled("App"));
+    LogTrace("App", "%s", poison);
+    wxLog::EnableLogging(true);
+
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(LogTraceTest, LineFromAnotherThreadReachesTargetAtOnce) {
+    ASSERT_EQ(VeskCore_Init(), 1);  // makes this thread wx's main thread
+    TraceMasksSet("Worker");
+    bool wasMain = true;
+    std::thread worker([&] {
+        wasMain = wxThread::IsMain();
+        LogTrace("Worker", "from thread");
+    });
+    worker.join();
+    ASSERT_FALSE(wasMain);
+    // No wxLog::FlushActive(): the line must already be there.
+    EXPECT_EQ(Messages(), std::vector<std::string>{"[Worker] from thread"});
+}
+
+TEST_F(LogTraceTest, LuaTextIsLoggedLiterally) {
+    TraceMasksSet("Script");
+    LogTraceLua(wxString::FromUTF8("Script"), wxString::FromUTF8("100% done %s %d"));
+    LogTraceLua(wxString::FromUTF8("Other"), wxString::FromUTF8("hidden"));
+    EXPECT_EQ(Messages(), std::vector<std::string>{"[Script] 100% done %s %d"});
+}
+
+TEST_F(LogTraceTest, SettingTheListSplitsOnCommasAndKeepsBlanksAndDuplicates) {
+    TraceMasksSet("App,,HTTP,");
+    EXPECT_EQ(TraceMasksGet(), "App,HTTP");
+    TraceMasksSet(",, SSL ,SSL,SSL");
+    EXPECT_EQ(TraceMasksGet(), " SSL ,SSL,SSL");
+    EXPECT_TRUE(LogTraceIsEnabled(" SSL "));  // blanks are part of the entry
+
+    TraceMasksRemove("SSL");  // the first copy only
+    EXPECT_EQ(TraceMasksGet(), " SSL ,SSL");
+    TraceMasksRemove("absent");
+    EXPECT_EQ(TraceMasksGet(), " SSL ,SSL");
+
+    TraceMasksSet("");
+    EXPECT_EQ(TraceMasksGet(), "");
+}
+
+TEST_F(LogTraceTest, AddingKeepsCommasInOneEntry) {
+    TraceMasksAdd("a,b");
+    TraceMasksAdd("a,b");
+    EXPECT_EQ(wxLog::GetTraceMasks().size(), 2u);
+    EXPECT_TRUE(LogTraceIsEnabled("a,b"));
+    EXPECT_FALSE(LogTraceIsEnabled("a"));
+    EXPECT_FALSE(LogTraceIsEnabled("b"));
+}
+
+// The module's log functions: the level is the closure's upvalue.
+TEST_F(LogTraceTest, LuaLogFunctionsLogAtTheirLevelAndCheckTheirArgument) {
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    for (int level : {wxLOG_Error, wxLOG_Warning, wxLOG_Message}) {
+        lua_pushinteger(L, level);
+        lua_pushcclosure(L, wxLogLua, 1);
+        lua_setglobal(L, ("log" + std::to_string(level)).c_str());
+    }
+    ASSERT_EQ(luaL_dostring(L, "log1('50% off %s'); log2('careful'); log3(42)"), LUA_OK);
+    EXPECT_EQ(log.Texts(wxLOG_Error), std::vector<std::string>{"50% off %s"});
+    EXPECT_EQ(log.Texts(wxLOG_Warning), std::vector<std::string>{"careful"});
+    EXPECT_EQ(log.Texts(wxLOG_Message), std::vector<std::string>{"42"});
+
+    ASSERT_NE(luaL_dostring(L, "log1({})"), LUA_OK);
+    EXPECT_NE(std::string(lua_tostring(L, -1)).find("bad argument #1"), std::string::npos);
+    lua_close(L);
+}
+
+}  // namespace
