@@ -1,0 +1,7 @@
+#include "slb/InstanceFactory.h"
+
+namespace SLB {
+
+InstanceFactory::~InstanceFactory() = default;
+
+}  // namespace SLB

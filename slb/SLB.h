@@ -1,0 +1,21 @@
+// The whole binder in one include.
+#pragma once
+
+#include "slb/Allocator.h"
+#include "slb/Class.h"
+#include "slb/ClassConversor.h"
+#include "slb/ClassInfo.h"
+#include "slb/CopyValue.h"
+#include "slb/DefaultErrorHandler.h"
+#include "slb/ErrorHandler.h"
+#include "slb/Export.h"
+#include "slb/FuncCall.h"
+#include "slb/Instance.h"
+#include "slb/InstanceBase.h"
+#include "slb/InstanceFactory.h"
+#include "slb/Manager.h"
+#include "slb/NativeException.h"
+#include "slb/Object.h"
+#include "slb/Table.h"
+#include "slb/TypeInfoWrapper.h"
+#include "slb/Value.h"

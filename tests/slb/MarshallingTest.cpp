@@ -1,0 +1,80 @@
+// Each native type's rule at the border, seen from Lua.
+#include "slb/SLB.h"
+#include "tests/slb/BinderTest.h"
+
+namespace slbtest {
+namespace {
+
+using MarshallingTest = BinderTest;
+
+TEST_F(MarshallingTest, NumbersAndBooleans) {
+    EXPECT_EQ(run("local e = SLB.echo\n"
+                  "assert(e.int(7) == 7 and e.int('12') == 12 and e.int(-3.7) == -3)\n"
+                  "assert(e.int('x') == 0 and e.int(nil) == 0 and e.int({}) == 0)\n"
+                  "assert(e.char(65) == 65 and e.char('A') == 0)\n"
+                  "assert(e.big() == 2^40)\n"
+                  "assert(e.ulong(2^53) == 2^53 and e.ulong(3.9) == 3 and e.ulong('x') == 0)\n"
+                  "assert(e.bool(nil) == false and e.bool(false) == false)\n"
+                  "assert(e.bool(0) == true and e.bool('') == true)"),
+              "");
+}
+
+TEST_F(MarshallingTest, ByteStringsKeepTheirBytes) {
+    EXPECT_EQ(run("local e = SLB.echo\n"
+                  "assert(e.cstr(12) == '12' and e.cstr('a\\0b') == 'a')\n"
+                  "assert(e.cstr(nil) == nil and e.cstr({}) == nil)\n"
+                  "assert(e.bytes('a\\0b\\255') == 'a\\0b\\255' and e.bytes(nil) == '' and "
+                  "e.bytes(3) == '3')\n"
+                  "assert(e.buffer('a\\0b') == 'a\\0b' and e.buffer(nil) == '')"),
+              "");
+}
+
+TEST_F(MarshallingTest, WxStringIsUtf8UpToTheFirstNul) {
+    EXPECT_EQ(run("local e = SLB.echo\n"
+                  "assert(e.textLength('\\195\\169t\\195\\169') == 3)\n"
+                  "assert(e.text('\\195\\169t\\195\\169') == '\\195\\169t\\195\\169')\n"
+                  "assert(e.text('ab\\0cd') == 'ab' and e.text(nil) == '')\n"
+                  "assert(e.text('ok\\255') == '' and e.textLength('\\192\\128') == 0)"),
+              "");
+}
+
+TEST_F(MarshallingTest, PointersAcceptNilAndDerivedObjects) {
+    EXPECT_EQ(
+        run("assert(SLB.areaOf(nil) == -1 and SLB.areaOf(SLB.Buffer()) == -1)\n"
+            "assert(SLB.areaOf(SLB.geo.Square(3)) == 9 and SLB.areaOf(SLB.geo.Tile(4)) == 16)\n"
+            "assert(SLB.isSquare(SLB.geo.Shape(2)) == false)\n"
+            "assert(SLB.nullShape() == nil)"),
+        "");
+}
+
+TEST_F(MarshallingTest, ReferencesNeedAnObject) {
+    EXPECT_EQ(run("local s = SLB.geo.Shape(2); SLB.growRef(s); assert(SLB.sideOf(s) == 3)"), "");
+    EXPECT_EQ(run("SLB.sideOf(nil)"), "test:1: Can not get a reference of class slbtest::Shape");
+    EXPECT_EQ(run("SLB.sideOf(SLB.Buffer())"),
+              "test:1: Can not get a reference of class slbtest::Shape");
+    EXPECT_EQ(run("SLB.growRef(nil)"), "test:1: Invalid object for this method");
+}
+
+TEST_F(MarshallingTest, EnumerationWithoutClassRaisesInsteadOfConverting) {
+    EXPECT_EQ(run("local x = SLB.Red"), "test:1: Unknown class slbtest::Color");
+    EXPECT_EQ(run("SLB.favourite()"), "test:1: Unknown class slbtest::Color");
+    EXPECT_EQ(run("SLB.colorValue(1)"), "test:1: Unknown class slbtest::Color");
+}
+
+TEST_F(MarshallingTest, EnumerationWithClassTravelsAsInstance) {
+    SLB::Class<Color>("Color", &manager);
+    EXPECT_EQ(run("local c = SLB.favourite()\n"
+                  "assert(type(c) == 'userdata' and SLB.colorValue(c) == 2 and "
+                  "SLB.colorValue(SLB.Red) == 1)"),
+              "");
+    EXPECT_EQ(run("SLB.colorValue(2)"), "test:1: Can not get a reference of class slbtest::Color");
+}
+
+TEST_F(MarshallingTest, ConstantsArePushedByTheirTypesRule) {
+    EXPECT_EQ(run("assert(SLB.answer == 42 and SLB.greeting == 'h\\195\\169' and "
+                  "SLB.geo.Shape.LIMITS.MAX == 100)"),
+              "");
+}
+
+}  // namespace
+}  // namespace slbtest
