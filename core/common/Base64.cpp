@@ -1,0 +1,100 @@
+#include "core/common/Base64.h"
+
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <wx/log.h>
+
+#include <cctype>
+#include <climits>
+#include <cstring>
+#include <memory>
+
+namespace VeskCore {
+
+namespace {
+
+struct BioChainFree {
+    void operator()(BIO* bio) const { BIO_free_all(bio); }
+};
+using BioChain = std::unique_ptr<BIO, BioChainFree>;
+
+// A base64 filter on top of `sink`; takes ownership of `sink`.
+BioChain Base64Over(BIO* sink, bool lines) {
+    BioChain chain(sink);
+    if (sink == nullptr) {
+        return chain;
+    }
+    BIO* filter = BIO_new(BIO_f_base64());
+    if (filter == nullptr) {
+        return BioChain();
+    }
+    if (!lines) {
+        BIO_set_flags(filter, BIO_FLAGS_BASE64_NO_NL);
+    }
+    return BioChain(BIO_push(filter, chain.release()));  // the filter now owns the sink
+}
+
+}  // namespace
+
+std::string toBase64StringASCII(const std::string& data, bool lineBreaks) {
+    BIO* memory = BIO_new(BIO_s_mem());
+    BioChain chain = Base64Over(memory, lineBreaks);
+    if (!chain || data.size() > static_cast<size_t>(INT_MAX)) {
+        wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));
+        return std::string();
+    }
+    const int length = static_cast<int>(data.size());
+    if (BIO_write(chain.get(), data.data(), length) != length) {
+        wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));
+        return std::string();
+    }
+    (void)BIO_flush(chain.get());
+    char* text = nullptr;
+    const long size = BIO_get_mem_data(memory, &text);
+    return size > 0 ? std::string(text, static_cast<size_t>(size)) : std::string();
+}
+
+wxString toBase64String(const std::string& data, bool lineBreaks) {
+    const std::string text = toBase64StringASCII(data, lineBreaks);
+    return wxString::FromAscii(text.data(), text.size());
+}
+
+void DecodeBase64Blocks(const char* text, size_t length, bool lines,
+                        const std::function<void(const char* data, size_t size)>& sink) {
+    if (text == nullptr || length == 0 || length > static_cast<size_t>(INT_MAX)) {
+        return;
+    }
+    BioChain chain = Base64Over(BIO_new_mem_buf(text, static_cast<int>(length)), lines);
+    if (!chain) {
+        return;
+    }
+    char block[512];
+    int got = 0;
+    while ((got = BIO_read(chain.get(), block, sizeof block)) >= 1) {
+        sink(block, static_cast<size_t>(got));
+    }
+    chain.reset();
+    OPENSSL_cleanse(block, sizeof block);
+}
+
+std::string FromBase64(const char* text) {
+    std::string out;
+    if (text == nullptr) {
+        return out;
+    }
+    while (*text != '\0' && std::isspace(static_cast<unsigned char>(*text))) {
+        ++text;
+    }
+    // The filter reads either form, but must be told which one it gets.
+    const bool lines = std::strchr(text, '\n') != nullptr;
+    DecodeBase64Blocks(text, std::strlen(text), lines,
+                       [&out](const char* data, size_t size) { out.append(data, size); });
+    return out;
+}
+
+std::string fromBase64String(const wxString& text) {
+    return FromBase64(text.utf8_string().c_str());
+}
+
+}  // namespace VeskCore

@@ -1,0 +1,106 @@
+#include "core/common/Utf8.h"
+
+#include <string>
+
+namespace VeskCore {
+
+// clang-format off
+const char trailingBytesForUTF8[256] = {
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0, 0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,
+    1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1, 1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,
+    2,2,2,2,2,2,2,2,2,2,2,2,2,2,2,2, 3,3,3,3,3,3,3,3,4,4,4,4,5,5,5,5
+};
+// clang-format on
+
+namespace {
+
+// One sequence of `length` bytes, lead byte first (ConvertUTF's isLegalUTF8).
+bool IsLegalSequence(const unsigned char* source, int length) {
+    if (length < 1 || length > 4) {
+        return false;
+    }
+    const unsigned char lead = source[0];
+    // Continuation bytes after the second one.
+    for (int i = 2; i < length; ++i) {
+        if (source[i] < 0x80 || source[i] > 0xBF) {
+            return false;
+        }
+    }
+    if (length >= 2) {
+        const unsigned char second = source[1];
+        if (second > 0xBF) {
+            return false;
+        }
+        switch (lead) {
+            case 0xE0:  // overlong three-byte forms
+                if (second < 0xA0) {
+                    return false;
+                }
+                break;
+            case 0xED:  // UTF-16 surrogates
+                if (second > 0x9F) {
+                    return false;
+                }
+                break;
+            case 0xF0:  // overlong four-byte forms
+                if (second < 0x90) {
+                    return false;
+                }
+                break;
+            case 0xF4:  // above U+10FFFF
+                if (second > 0x8F) {
+                    return false;
+                }
+                break;
+            default:
+                if (second < 0x80) {
+                    return false;
+                }
+        }
+    }
+    // Stray continuation bytes and overlong two-byte leads.
+    if (lead >= 0x80 && lead < 0xC2) {
+        return false;
+    }
+    return lead <= 0xF4;
+}
+
+}  // namespace
+
+bool isLegalUTF8String(const unsigned char* bytes, int length) {
+    int at = 0;
+    while (at < length) {
+        const int trailing = trailingBytesForUTF8[bytes[at]];
+        if (trailing >= length - at) {
+            return false;
+        }
+        if (!IsLegalSequence(bytes + at, trailing + 1)) {
+            return false;
+        }
+        at += trailing + 1;
+    }
+    return true;
+}
+
+wxString UTF8ToNative(const wxString& text, bool doubleAmpersands) {
+    std::string bytes;
+    bytes.reserve(text.length());
+    for (wxUniChar c : text) {
+        if (c.GetValue() > 0xFF) {
+            return wxString();
+        }
+        bytes += static_cast<char>(c.GetValue());
+    }
+    wxString out = wxString::FromUTF8(bytes.data(), bytes.size());
+    if (doubleAmpersands) {
+        out.Replace(wxS("&"), wxS("&&"), true);
+    }
+    return out;
+}
+
+}  // namespace VeskCore

@@ -1,0 +1,28 @@
+// UTF-8 validation and the conversion of UTF-8 bytes held in a wxString into
+// text.
+//
+// Thread safety: every function is safe to call from any thread.
+#pragma once
+
+#include <wx/string.h>
+
+#include "core/common/Export.h"
+
+namespace VeskCore {
+
+// Number of continuation bytes announced by a lead byte, as in the Unicode
+// Consortium's ConvertUTF code (0 for 0x00-0xBF, up to 5 for 0xFC-0xFF).
+extern const char trailingBytesForUTF8[256];
+
+// True if the `length` bytes are well-formed UTF-8: sequences of one to four
+// bytes, no overlong forms, no surrogates, nothing above U+10FFFF. A length
+// below 1 is true whatever `bytes` is (null included).
+VESK_EXPORT bool isLegalUTF8String(const unsigned char* bytes, int length);
+
+// `text` holds raw bytes, one per character (wxString::From8BitData), that
+// are UTF-8: returns the text they encode, every "&" doubled if
+// `doubleAmpersands`. Bytes that aren't valid UTF-8, or a character above
+// U+00FF (which can't be a raw byte), give the empty text.
+VESK_EXPORT wxString UTF8ToNative(const wxString& text, bool doubleAmpersands);
+
+}  // namespace VeskCore

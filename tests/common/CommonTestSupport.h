@@ -1,0 +1,62 @@
+// Helpers for the utilities tests: a scratch directory, files, and the real
+// command-line tools whose output the library must match.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace VeskTest {
+
+// A fresh directory under /tmp, removed with everything in it.
+class ScratchDir {
+  public:
+    ScratchDir() {
+        char pattern[] = "/tmp/vesk-common-XXXXXX";
+        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
+        EXPECT_FALSE(path_.empty());
+    }
+    ~ScratchDir() { Shell("rm -rf '" + path_ + "'"); }
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    static int Shell(const std::string& command) { return system(command.c_str()); }
+
+  private:
+    std::string path_;
+};
+
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+// Standard output of a shell command, which must succeed.
+inline std::string ToolOutput(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    char buffer[4096];
+    for (size_t got; pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, got);
+    EXPECT_TRUE(pipe != nullptr && pclose(pipe) == 0) << command;
+    return out;
+}
+
+inline std::string RandomBytes(size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes)
+        c = static_cast<char>(generator());
+    return bytes;
+}
+
+}  // namespace VeskTest
