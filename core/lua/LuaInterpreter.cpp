@@ -90,7 +90,7 @@ CLuaInterpreter::~CLuaInterpreter() {
     if (state == nullptr)
         return;
     lua_settop(state, 0);
-    lua_gc(state, LUA_GCCOLLECT, 0);
+    Collect();
     TraceMemory("Just before close, Lua is using %d Kb");
     lua_close(state);
     state = nullptr;
@@ -100,8 +100,34 @@ void CLuaInterpreter::TraceMemory(const char* stage) {
     LogTrace(traceMaskUtf8.c_str(), stage, lua_gc(state, LUA_GCCOUNT, 0));
 }
 
+namespace {
+int FullCollection(lua_State* L) {
+    lua_gc(L, LUA_GCCOLLECT, 0);
+    return 0;
+}
+}  // namespace
+
+// A script's __gc may raise, or call os.exit, during any collection; outside a
+// protected call Lua would panic and end the process. Collections run only
+// between chunks, so an end raised by a finalizer has no chunk to end: it is
+// consumed here, and an os.exit is as silent as anywhere else.
+void CLuaInterpreter::Collect() {
+    lua_pushcfunction(state, FullCollection);
+    const int status = lua_pcall(state, 0, 0, 0);
+    const bool exited = chunkEnd->GetReason() == CLuaChunkEnd::Reason::Exit;
+    if (status != LUA_OK) {
+        size_t length = 0;
+        const char* message = lua_tolstring(state, -1, &length);
+        if (message != nullptr && !exited)
+            wxLogError(wxS("CLuaInterpreter: %s"), FromLuaText(message, length));
+        lua_pop(state, 1);
+    }
+    if (chunkEnd->GetReason() != CLuaChunkEnd::Reason::None)
+        chunkEnd->Reset();
+}
+
 void CLuaInterpreter::CollectAndTrace(const char* stage) {
-    lua_gc(state, LUA_GCCOLLECT, 0);
+    Collect();
     TraceMemory(stage);
 }
 
@@ -133,6 +159,9 @@ int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
     const int top = lua_gettop(state);
     LogTrace(traceMaskUtf8.c_str(), "RunScript()");
     errorInfo.clear();
+    // An os.exit outside any chunk (a callback, a host's own pcall on L())
+    // must not end this one.
+    chunkEnd->Reset();
 
     int status;
     {
@@ -184,7 +213,7 @@ int CLuaInterpreter::RunLoaded(int top, int nArgs, int nResults, wxOutputStream*
     // chunk's stream may not outlive the caller's handling of it.
     lua_pushvalue(state, printIndex);
     lua_setglobal(state, "print");
-    lua_gc(state, LUA_GCCOLLECT, 0);
+    Collect();
     if (thrown)
         std::rethrow_exception(thrown);
     return status;
@@ -253,6 +282,10 @@ int CLuaInterpreter::LuaPrint(lua_State* L) {
         luaL_buffinit(L, &line);  // sits above tostring
     const int tostring = count + 1;
     for (int i = 1; i <= count; ++i) {
+        // Into the buffer the separator goes before tostring runs: luaL_addvalue
+        // must find the piece on top, not a buffer that growing pushed.
+        if (i > 1 && output == nullptr)
+            luaL_addchar(&line, '\t');
         lua_pushvalue(L, tostring);
         lua_pushvalue(L, i);
         lua_call(L, 1, 1);
@@ -265,14 +298,10 @@ int CLuaInterpreter::LuaPrint(lua_State* L) {
                 output->PutC('\t');
             output->Write(text, length);
             lua_pop(L, 1);
+        } else if (IsUtf8(text, length)) {
+            luaL_addvalue(&line);
         } else {
-            if (i > 1)
-                luaL_addchar(&line, '\t');
-            if (IsUtf8(text, length)) {
-                luaL_addvalue(&line);
-            } else {
-                lua_pop(L, 1);
-            }
+            lua_pop(L, 1);
         }
     }
     if (output != nullptr) {

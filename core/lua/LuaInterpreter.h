@@ -67,6 +67,7 @@ class VESK_EXPORT CLuaInterpreter {
     static void LuaHook(lua_State* L, lua_Debug* ar);
 
   private:
+    void Collect();
     void TraceMemory(const char* stage);
     void CollectAndTrace(const char* stage);
     void SetPrint(wxOutputStream* output);

@@ -77,6 +77,16 @@ TEST_F(Interpreter, PrintWithoutStreamLogsThreadIdAndText) {
     EXPECT_EQ(lines[2].substr(lines[2].find(' ') + 1), "\tok");
 }
 
+TEST_F(Interpreter, PrintToTheLogKeepsEveryPieceWhenItsBufferGrows) {
+    ASSERT_EQ(RunToLog("local gc = setmetatable({}, {__tostring = function()\n"
+                       "  collectgarbage() return 'third' end})\n"
+                       "print(('a'):rep(8192), 'bbbb', gc)"),
+              0);
+    const std::vector<std::string> lines = log.Texts(wxLOG_Message);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].substr(lines[0].find(' ') + 1), std::string(8192, 'a') + "\tbbbb\tthird");
+}
+
 TEST_F(Interpreter, PrintReportsMisbehavingTostring) {
     EXPECT_EQ(Run("print(setmetatable({}, {__tostring = function() return {} end}))"), LUA_ERRRUN);
     EXPECT_NE(lua.GetErrorInfo().utf8_string().find("'tostring' must return a string to 'print'"),
@@ -180,6 +190,26 @@ TEST_F(Interpreter, OsExitEndsTheChunkNotTheProcess) {
         EXPECT_TRUE(log.Lines().empty()) << c.name << ": " << log.Lines()[0].text;
         EXPECT_EQ(lua_gettop(lua.L()), base) << c.name;
     }
+}
+
+TEST_F(Interpreter, FinalizersAndStrayExitsEndNeitherTheProcessNorTheNextChunk) {
+    // Collections run between and after chunks, outside the chunk's pcall.
+    ASSERT_EQ(Run("setmetatable({}, {__gc = function() error('gc failed') end})"), 0);
+    EXPECT_EQ(Errors(),
+              "CLuaInterpreter: error in __gc metamethod ([string \"test\"]:1: gc failed)\n");
+    log.Clear();
+    ASSERT_EQ(Run("setmetatable({}, {__gc = function() os.exit(1) end})"), 0);
+    EXPECT_EQ(Run("print('next')"), 0);
+    EXPECT_EQ(printed, "next\n");
+    EXPECT_TRUE(log.Lines().empty());
+
+    // os.exit from a host's own protected call on the state ends that call
+    // only, not the next chunk.
+    EXPECT_NE(luaL_dostring(lua.L(), "pcall(os.exit) reached = true"), LUA_OK);
+    lua_pop(lua.L(), 1);
+    EXPECT_EQ(Global("reached"), "nil");
+    EXPECT_EQ(Run("print('ran')"), 0);
+    EXPECT_EQ(printed, "ran\n");
 }
 
 TEST_F(Interpreter, ManyExitsLeaveTheStateWorking) {

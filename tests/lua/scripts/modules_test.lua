@@ -9,8 +9,5 @@ assert(package.loaded.vesk_core == vesk)
 local helper = require "support_helper"
 assert(helper.answer() == 42)
 
--- print and the log functions take any text literally.
-print("100% literal %s")
-vesk.wxLogMessage("50% %d %s")
 local ok, err = pcall(vesk.wxLogError, {})
 assert(not ok and err:find("bad argument #1"), err)
