@@ -14,31 +14,61 @@ namespace {
 
 constexpr size_t kLineSize = 4096;
 
-// wxString::Matches semantics ('*' any run, '?' one character), over any
-// character type, so that an ASCII mask is matched without building a
-// wxString on every disabled trace call.
+// The first occurrence of segment[0, length) in the NUL-terminated text.
 template <typename SubjectChar>
-bool MatchesWildcard(const SubjectChar* subject, size_t subjectLength, const wxString& pattern) {
-    const wxStringCharType* p = pattern.wx_str();
-    const size_t patternLength = pattern.length();
-    size_t s = 0, i = 0, star = wxString::npos, resume = 0;
-    while (s < subjectLength) {
-        const wchar_t c = static_cast<wchar_t>(subject[s]);
-        if (i < patternLength && (p[i] == wxT('?') || p[i] == c)) {
-            ++s, ++i;
-        } else if (i < patternLength && p[i] == wxT('*')) {
-            star = i++;
-            resume = s;
-        } else if (star != wxString::npos) {
-            i = star + 1;
-            s = ++resume;
-        } else {
-            return false;
-        }
+const SubjectChar* FindSegment(const SubjectChar* text, const wxChar* segment, size_t length) {
+    for (; *text != 0; ++text) {
+        size_t i = 0;
+        while (i < length && text[i] != 0 && static_cast<wxChar>(text[i]) == segment[i])
+            ++i;
+        if (i == length)
+            return text;
     }
-    while (i < patternLength && p[i] == wxT('*'))
-        ++i;
-    return i == patternLength;
+    return nullptr;
+}
+
+// wxString::Matches, step for step, quirks included: characters after a '*'
+// that are '*' or '?' are skipped, a mismatch fails at once, and text left
+// over at the end backtracks once to the last '*'. Masks written before must
+// keep selecting what they selected, so its rules are copied rather than
+// improved. Templated over the subject so that an ASCII mask is matched
+// without building a wxString on every disabled trace call.
+template <typename SubjectChar>
+bool MatchesWildcard(const SubjectChar* text, const wxChar* mask) {
+    const SubjectChar* lastStarInText = nullptr;
+    const wxChar* lastStarInMask = nullptr;
+    for (;;) {
+        for (; *mask != 0; ++mask, ++text) {
+            if (*mask == wxT('?')) {
+                if (*text == 0)
+                    return false;
+            } else if (*mask == wxT('*')) {
+                lastStarInText = text;
+                lastStarInMask = mask;
+                while (*mask == wxT('*') || *mask == wxT('?'))
+                    ++mask;
+                if (*mask == 0)
+                    return true;
+                size_t length = 0;
+                while (mask[length] != 0 && mask[length] != wxT('*') && mask[length] != wxT('?'))
+                    ++length;
+                const SubjectChar* found = FindSegment(text, mask, length);
+                if (found == nullptr)
+                    return false;
+                text = found + length - 1;
+                mask += length - 1;
+            } else if (*mask != static_cast<wxChar>(*text)) {
+                return false;
+            }
+        }
+        if (*text == 0)
+            return true;
+        if (lastStarInText == nullptr)
+            return false;
+        text = lastStarInText + 1;
+        mask = lastStarInMask;
+        lastStarInText = nullptr;
+    }
 }
 
 // An empty list is the common case in production and is tested first: it is
@@ -47,15 +77,15 @@ bool NoMasks() {
     return wxLog::GetTraceMasks().empty();
 }
 
+// The list is wx's and unguarded, as it always was: it is walked in place,
+// since a copy would allocate on every disabled trace call and protect
+// nothing (copying reads the same array).
 template <typename SubjectChar>
-bool AnyMaskMatches(const SubjectChar* subject, size_t length) {
+bool AnyMaskMatches(const SubjectChar* subject) {
     if (NoMasks() || !wxLog::IsEnabled() || wxLog::GetActiveTarget() == nullptr)
         return false;
-    // The list is wx's and unguarded; walking a copy keeps a concurrent
-    // change from moving the array under us.
-    const wxArrayString masks(wxLog::GetTraceMasks());
-    for (const wxString& entry : masks)
-        if (MatchesWildcard(subject, length, entry))
+    for (const wxString& entry : wxLog::GetTraceMasks())
+        if (MatchesWildcard(subject, entry.wx_str()))
             return true;
     return false;
 }
@@ -90,23 +120,16 @@ wxString LineToString(const char* line, size_t length) {
 
 // wx holds back lines from threads without a target of their own until the
 // main thread flushes; trace lines must reach the host's target when written.
+// Off the main thread the active target (the thread's own, else the host's)
+// takes the record directly.
 void LogNow(wxLogLevel level, const wxString& text) {
     if (wxThread::IsMain()) {
         wxLog::OnLog(level, text, time(nullptr));
         return;
     }
-    wxLog* const own = wxLog::SetThreadActiveTarget(nullptr);
-    if (own != nullptr) {
-        wxLog::SetThreadActiveTarget(own);
-        wxLog::OnLog(level, text, time(nullptr));
-        return;
-    }
-    wxLog* const shared = wxLog::GetActiveTarget();
-    if (shared == nullptr)
-        return;
-    wxLog::SetThreadActiveTarget(shared);
-    wxLog::OnLog(level, text, time(nullptr));
-    wxLog::SetThreadActiveTarget(nullptr);
+    if (wxLog* const target = wxLog::GetActiveTarget())
+        target->LogRecord(level, text,
+                          wxLogRecordInfo(__FILE__, __LINE__, __func__, wxLOG_COMPONENT));
 }
 
 const char* MaskOf(_TraceSubsystem subsystem) {
@@ -120,7 +143,7 @@ wxString FromUtf8(const std::string& text) {
 }  // namespace
 
 bool LogTraceIsEnabled(const wxString& mask) {
-    return AnyMaskMatches(mask.wx_str(), mask.length());
+    return AnyMaskMatches(mask.wx_str());
 }
 
 bool LogTraceIsEnabled(const char* mask) {
@@ -130,7 +153,7 @@ bool LogTraceIsEnabled(const char* mask) {
         mask = "";
     const size_t length = strlen(mask);
     if (IsAscii(mask, length))
-        return AnyMaskMatches(mask, length);
+        return AnyMaskMatches(mask);
     return LogTraceIsEnabled(wxString::FromUTF8(mask, length));
 }
 

@@ -2,6 +2,7 @@
 #include <wx/thread.h>
 
 #include <lua.hpp>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -50,6 +51,31 @@ TEST_F(LogTraceTest, MasksMatchEntriesAsWildcardPatterns) {
     TraceMasksSet("Zürich*");
     EXPECT_TRUE(LogTraceIsEnabled("Zürich.verbose"));
     EXPECT_FALSE(LogTraceIsEnabled("Zurich.verbose"));
+}
+
+// Masks written for wx's own matcher must select the same threads here, quirks
+// and all, on both the ASCII and the wxString path.
+TEST_F(LogTraceTest, WildcardsFollowWxMatchesExactly) {
+    std::mt19937 random(2026);
+    const char alphabet[] = "ab*?";
+    auto draw = [&](size_t maxLength, size_t letters) {
+        std::string text(random() % (maxLength + 1), 'a');
+        for (char& c : text)
+            c = alphabet[random() % letters];
+        return text;
+    };
+    for (int round = 0; round < 20000; ++round) {
+        const std::string pattern = draw(6, 4);
+        const std::string subject = draw(7, 2);
+        if (pattern.empty())
+            continue;  // an empty setting clears the list
+        TraceMasksSet(pattern);
+        const bool expected = wxString::FromUTF8(subject).Matches(wxString::FromUTF8(pattern));
+        ASSERT_EQ(LogTraceIsEnabled(subject.c_str()), expected) << subject << " ~ " << pattern;
+        ASSERT_EQ(LogTraceIsEnabled(wxString::FromUTF8(subject + "\xC3\xA9")),
+                  wxString::FromUTF8(subject + "\xC3\xA9").Matches(wxString::FromUTF8(pattern)))
+            << subject << "\xC3\xA9 ~ " << pattern;
+    }
 }
 
 TEST_F(LogTraceTest, LoneStarEnablesTheEmptyMaskWithEmptyBrackets) {
