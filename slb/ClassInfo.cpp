@@ -30,10 +30,13 @@ int callClass(lua_State* L) {
     });
 }
 
-// __gc of every instance.
+// __gc of every instance. A script holding the metatable through the debug
+// library may call it with anything, or twice: only an instance is released,
+// and a released instance holds nothing more to release.
 int collectInstance(lua_State* L) {
     return Private::protect(L, [](lua_State* L) {
-        static_cast<InstanceBase*>(lua_touserdata(L, 1))->release();
+        if (InstanceBase* instance = InstanceBase::fromStack(L, 1))
+            instance->release();
         return 0;
     });
 }
@@ -47,6 +50,8 @@ ClassInfo::~ClassInfo() {
     if (constructor_)
         constructor_->unref();
     delete factory_;
+    for (InstanceFactory* retired : retiredFactories_)
+        delete retired;
 }
 
 void ClassInfo::setName(std::string_view name) {
@@ -69,7 +74,9 @@ void ClassInfo::setConstructor(FuncCall* constructor) {
 void ClassInfo::setInstanceFactory(InstanceFactory* factory) {
     if (factory == factory_)
         return;
-    delete factory_;
+    // Instances made before may still name the old factory as their owner.
+    if (factory_)
+        retiredFactories_.push_back(factory_);
     factory_ = factory;
 }
 
@@ -159,8 +166,11 @@ void ClassInfo::pushInstanceMetatable(lua_State* L) const {
     if (!lua_isnil(L, -1))
         return;
     lua_pop(L, 1);
-    lua_createtable(L, 0, 3);
+    lua_createtable(L, 0, 4);
     InstanceBase::markMetatable(L);
+    // getmetatable(instance) must not hand scripts the __gc of native objects.
+    lua_pushboolean(L, 0);
+    lua_setfield(L, -2, "__metatable");
     push(L);  // +1: the class table answers reads of members
     lua_setfield(L, -2, "__index");
     lua_pushcfunction(L, &collectInstance);

@@ -88,6 +88,7 @@ class SLB_EXPORT ClassInfo : public Table {
     String name_;
     FuncCall* constructor_ = nullptr;
     InstanceFactory* factory_ = nullptr;
+    Vector<InstanceFactory*> retiredFactories_;
     Vector<Base> bases_;
     // Its address keys the instance metatable of this class in each registry.
     char instanceMetatableKey_ = 0;

@@ -13,7 +13,19 @@ int ErrorHandler::call(lua_State* L, int nargs, int nresults) {
     lua_insert(L, functionIndex);  // the handler sits below the function
     const int status = lua_pcall(L, nargs, nresults, functionIndex);
     lua_remove(L, functionIndex);
+    if (status == LUA_ERRMEM || status == LUA_ERRERR)
+        describeUnhandled(L);
     return status;
+}
+
+// Lua runs no message handler for these two statuses; without this, end()
+// would give the text of an earlier failure.
+void ErrorHandler::describeUnhandled(lua_State* L) {
+    const char* message = lua_tostring(L, -1);
+    try {
+        begin(message != nullptr ? message : "(error object is not a string)");
+    } catch (...) {
+    }
 }
 
 // Runs inside Lua's error handling: no exception may leave it, and a failure

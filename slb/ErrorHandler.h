@@ -36,6 +36,7 @@ class SLB_EXPORT ErrorHandler {
 
   private:
     static int messageHandler(lua_State* L);
+    void describeUnhandled(lua_State* L);
 };
 
 }  // namespace SLB

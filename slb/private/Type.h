@@ -205,11 +205,23 @@ struct Type<wxString> {
     }
     static wxString& pass(wxString& stored) { return stored; }
     static void push(lua_State* L, const wxString& text) {
-        const std::string utf8 = text.utf8_string();
-        if (utf8.empty() && !text.empty())
+        if (!hasUtf8Form(text)) {
             lua_pushnil(L);
-        else
-            lua_pushstring(L, utf8.c_str());
+            return;
+        }
+        lua_pushstring(L, text.utf8_string().c_str());
+    }
+
+  private:
+    // Surrogates and values past U+10FFFF have no UTF-8 form; wx would write
+    // the first as invalid bytes and complain about the second.
+    static bool hasUtf8Form(const wxString& text) {
+        for (const wxUniChar c : text) {
+            const wxUint32 value = c.GetValue();
+            if ((value >= 0xD800 && value <= 0xDFFF) || value > 0x10FFFF)
+                return false;
+        }
+        return true;
     }
 };
 

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <lua.hpp>
 
@@ -55,6 +56,43 @@ TEST_F(ErrorHandlerTest, NonStringErrorValueSurvives) {
     lua_getfield(L, -1, "code");
     EXPECT_EQ(lua_tointeger(L, -1), 7);
     EXPECT_THAT(handler.end(), StartsWith("(error object is a table value)\nstack traceback:"));
+}
+
+// An allocator with a budget, so that a script can exhaust its memory.
+struct Budget {
+    size_t used = 0;
+    size_t limit = 0;
+};
+
+void* budgetAlloc(void* ud, void* ptr, size_t osize, size_t nsize) {
+    auto* budget = static_cast<Budget*>(ud);
+    const size_t old = ptr ? osize : 0;
+    if (nsize == 0) {
+        budget->used -= old;
+        std::free(ptr);
+        return nullptr;
+    }
+    if (budget->used - old + nsize > budget->limit)
+        return nullptr;
+    void* grown = std::realloc(ptr, nsize);
+    if (grown)
+        budget->used = budget->used - old + nsize;
+    return grown;
+}
+
+TEST(ErrorHandlerMemoryTest, MemoryErrorIsDescribedThoughLuaRunsNoHandler) {
+    Budget budget{0, 8u << 20};
+    lua_State* L = lua_newstate(budgetAlloc, &budget);
+    ASSERT_NE(L, nullptr);
+    luaL_openlibs(L);
+    SLB::DefaultErrorHandler handler;
+    ASSERT_EQ(luaL_loadstring(L, "error('first failure')"), LUA_OK);
+    EXPECT_EQ(handler.call(L, 0, 0), LUA_ERRRUN);
+    lua_pop(L, 1);
+    ASSERT_EQ(luaL_loadstring(L, "return string.rep('x', 64 * 1024 * 1024)"), LUA_OK);
+    EXPECT_EQ(handler.call(L, 0, 1), LUA_ERRMEM);
+    EXPECT_THAT(handler.end(), StartsWith("not enough memory"));
+    lua_close(L);
 }
 
 }  // namespace

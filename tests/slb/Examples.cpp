@@ -81,6 +81,8 @@ void registerFunctions(SLB::Manager* m) {
     using SLB::FuncCall;
     m->set("echo::int", echo<int>());
     m->set("echo::char", echo<char>());
+    m->set("echo::uint", echo<unsigned int>());
+    m->set("echo::long", echo<long>());
     m->set("echo::bool", echo<bool>());
     m->set("echo::ulong", echo<unsigned long>());
     m->set("echo::cstr", echo<const char*>());
@@ -88,6 +90,7 @@ void registerFunctions(SLB::Manager* m) {
     m->set("echo::text", echo<const wxString&>());
     m->set("echo::buffer", echo<wxMemoryBuffer>());
     m->set("echo::big", FuncCall::create(+[]() { return 1LL << 40; }));
+    m->set("echo::surrogate", FuncCall::create(+[]() { return wxString(wxUniChar(0xD800)); }));
     m->set("echo::textLength",
            FuncCall::create(+[](wxString text) { return static_cast<int>(text.length()); }));
     m->set("areaOf",
@@ -105,6 +108,8 @@ void registerFunctions(SLB::Manager* m) {
     m->set("fail", FuncCall::create(&fail));
     m->set("rawSum", FuncCall::create(&rawSum));
     m->set("orphanValue", FuncCall::create(&Orphan::value));
+    m->set("orphanArgument", FuncCall::create(+[](Orphan* orphan) { return orphan != nullptr; }));
+    m->set("orphanResult", FuncCall::create(+[]() -> Orphan* { return nullptr; }));
     m->set("newOrphan", FuncCall::defaultClassConstructor<Orphan>());
 }
 

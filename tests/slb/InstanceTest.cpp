@@ -52,6 +52,18 @@ TEST_F(InstanceTest, ConstructedObjectsDieWithTheirUserdata) {
     EXPECT_EQ(Lifetime::destroyed, 2);
 }
 
+TEST_F(InstanceTest, ScriptsCannotMisuseTheCollectorOfNativeObjects) {
+    EXPECT_EQ(run("local s = SLB.geo.Shape(1)\n"
+                  "assert(getmetatable(s) == false)\n"
+                  "local gc = debug.getmetatable(s).__gc\n"
+                  "gc({}); gc(io.stdout); gc(s); gc(s)"),
+              "");
+    EXPECT_EQ(Lifetime::destroyed, 1);  // once by the explicit call, never again
+    lua.collect();
+    EXPECT_EQ(Lifetime::destroyed, 1);
+    EXPECT_EQ(Lifetime::constructed, 1);
+}
+
 TEST_F(InstanceTest, DefaultKindCopiesValues) {
     EXPECT_EQ(run("local s = SLB.geo.Square(2)\n"
                   "local c = SLB.copyShape(s)\n"

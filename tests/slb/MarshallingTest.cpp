@@ -12,6 +12,8 @@ TEST_F(MarshallingTest, NumbersAndBooleans) {
                   "assert(e.int(7) == 7 and e.int('12') == 12 and e.int(-3.7) == -3)\n"
                   "assert(e.int('x') == 0 and e.int(nil) == 0 and e.int({}) == 0)\n"
                   "assert(e.char(65) == 65 and e.char('A') == 0)\n"
+                  "assert(e.uint(4000000000) == 4000000000 and e.uint('7') == 7)\n"
+                  "assert(e.long(-2^40) == -2^40 and e.long(true) == 0)\n"
                   "assert(e.big() == 2^40)\n"
                   "assert(e.ulong(2^53) == 2^53 and e.ulong(3.9) == 3 and e.ulong('x') == 0)\n"
                   "assert(e.bool(nil) == false and e.bool(false) == false)\n"
@@ -34,7 +36,8 @@ TEST_F(MarshallingTest, WxStringIsUtf8UpToTheFirstNul) {
                   "assert(e.textLength('\\195\\169t\\195\\169') == 3)\n"
                   "assert(e.text('\\195\\169t\\195\\169') == '\\195\\169t\\195\\169')\n"
                   "assert(e.text('ab\\0cd') == 'ab' and e.text(nil) == '')\n"
-                  "assert(e.text('ok\\255') == '' and e.textLength('\\192\\128') == 0)"),
+                  "assert(e.text('ok\\255') == '' and e.textLength('\\192\\128') == 0)\n"
+                  "assert(e.surrogate() == nil)"),
               "");
 }
 
@@ -59,6 +62,9 @@ TEST_F(MarshallingTest, EnumerationWithoutClassRaisesInsteadOfConverting) {
     EXPECT_EQ(run("local x = SLB.Red"), "test:1: Unknown class slbtest::Color");
     EXPECT_EQ(run("SLB.favourite()"), "test:1: Unknown class slbtest::Color");
     EXPECT_EQ(run("SLB.colorValue(1)"), "test:1: Unknown class slbtest::Color");
+    // Pointers of a class nobody registered, even a nil one.
+    EXPECT_EQ(run("SLB.orphanArgument(nil)"), "test:1: Unknown class slbtest::Orphan");
+    EXPECT_EQ(run("SLB.orphanResult()"), "test:1: Unknown class slbtest::Orphan");
 }
 
 TEST_F(MarshallingTest, EnumerationWithClassTravelsAsInstance) {
