@@ -1,7 +1,8 @@
 // A main for benchmark executables that also reports, for declared pairs,
-// the ratio of a benchmark's time to its baseline measured in the same run.
+// the ratio of a benchmark to its baseline measured in the same run.
 //
-//   VESK_BENCH_RATIO(BM_Disabled, BM_Empty, 3.0);  // goal: at most 3x
+//   VESK_BENCH_RATIO(BM_Disabled, BM_Empty, 3.0);  // time: at most 3x the baseline's
+//   VESK_BENCH_SPEED(BM_Ours, BM_OpenSsl, 0.8);    // speed: at least 0.8x the baseline's
 //   VESK_BENCH_MAIN();
 #pragma once
 
@@ -18,6 +19,7 @@ struct RatioPair {
     std::string subject;
     std::string baseline;
     double goal;
+    bool speed;  // ratio of speeds (baseline time / subject time), goal a minimum
 };
 
 inline std::vector<RatioPair>& Ratios() {
@@ -26,8 +28,8 @@ inline std::vector<RatioPair>& Ratios() {
 }
 
 struct RatioRegistrar {
-    RatioRegistrar(const char* subject, const char* baseline, double goal) {
-        Ratios().push_back({subject, baseline, goal});
+    RatioRegistrar(const char* subject, const char* baseline, double goal, bool speed) {
+        Ratios().push_back({subject, baseline, goal, speed});
     }
 };
 
@@ -48,11 +50,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
             auto baseline = times.find(pair.baseline);
             if (subject == times.end() || baseline == times.end() || baseline->second <= 0)
                 continue;
-            const double ratio = subject->second / baseline->second;
-            const bool met = ratio <= pair.goal;
+            if (pair.speed && subject->second <= 0)
+                continue;
+            const double ratio = pair.speed ? baseline->second / subject->second
+                                            : subject->second / baseline->second;
+            const bool met = pair.speed ? ratio >= pair.goal : ratio <= pair.goal;
             missed += met ? 0 : 1;
-            printf("ratio %s / %s = %.2f (goal <= %.1f: %s)\n", pair.subject.c_str(),
-                   pair.baseline.c_str(), ratio, pair.goal, met ? "met" : "missed");
+            printf("%s %s / %s = %.2f (goal %s %.2f: %s)\n", pair.speed ? "speed" : "time",
+                   pair.subject.c_str(), pair.baseline.c_str(), ratio,
+                   pair.speed ? ">=" : "<=", pair.goal, met ? "met" : "missed");
         }
         return missed;
     }
@@ -67,7 +73,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
 #define VESK_BENCH_CONCAT(a, b) VESK_BENCH_CONCAT2(a, b)
 #define VESK_BENCH_RATIO(subject, baseline, goal)                                                 \
     static ::VeskBench::RatioRegistrar VESK_BENCH_CONCAT(s_ratio_, __LINE__)(#subject, #baseline, \
-                                                                             goal)
+                                                                             goal, false)
+#define VESK_BENCH_SPEED(subject, baseline, goal)                                                 \
+    static ::VeskBench::RatioRegistrar VESK_BENCH_CONCAT(s_ratio_, __LINE__)(#subject, #baseline, \
+                                                                             goal, true)
 
 // Missed goals are reported, not failed: timing belongs to the reader.
 #define VESK_BENCH_MAIN()                             \

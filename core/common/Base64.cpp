@@ -1,6 +1,7 @@
 #include "core/common/Base64.h"
 
 #include <openssl/bio.h>
+#include <openssl/buffer.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <wx/log.h>
@@ -35,10 +36,35 @@ BioChain Base64Over(BIO* sink, bool lines) {
     return BioChain(BIO_push(filter, chain.release()));  // the filter now owns the sink
 }
 
+// Base64 is 4 characters for every 3 bytes, plus a newline per 64 characters
+// when broken into lines.
+size_t EncodedSize(size_t size, bool lineBreaks) {
+    const size_t characters = 4 * ((size + 2) / 3);
+    return characters + (lineBreaks ? characters / 64 + 1 : 0);
+}
+
+// A memory BIO whose buffer already holds the whole text: growing it as the
+// text arrives copies and wipes the buffer again and again.
+BIO* MemoryBioFor(size_t capacity) {
+    BUF_MEM* buffer = BUF_MEM_new();
+    if (buffer == nullptr || BUF_MEM_grow(buffer, capacity) == 0) {
+        BUF_MEM_free(buffer);
+        return nullptr;
+    }
+    buffer->length = 0;
+    BIO* memory = BIO_new(BIO_s_mem());
+    if (memory == nullptr) {
+        BUF_MEM_free(buffer);
+        return nullptr;
+    }
+    BIO_set_mem_buf(memory, buffer, BIO_CLOSE);  // the BIO owns the buffer now
+    return memory;
+}
+
 }  // namespace
 
 std::string toBase64StringASCII(const std::string& data, bool lineBreaks) {
-    BIO* memory = BIO_new(BIO_s_mem());
+    BIO* memory = MemoryBioFor(EncodedSize(data.size(), lineBreaks));
     BioChain chain = Base64Over(memory, lineBreaks);
     if (!chain || data.size() > static_cast<size_t>(INT_MAX)) {
         wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));

@@ -21,9 +21,10 @@ VESK_EXPORT std::string toBase64StringASCII(const std::string& data, bool lineBr
 VESK_EXPORT wxString toBase64String(const std::string& data, bool lineBreaks);
 
 // Decodes `text` (null is empty), after skipping leading white space. Text
-// holding a newline is read as line-broken Base64, any line length; text
-// without one as a single line. Bad input isn't reported: the result is what
-// decoded before it.
+// holding a newline is read as line-broken Base64, as `openssl base64 -d`
+// reads it: lines must stay below 1024 characters, and the decoder stops
+// short at a longer one. Text without a newline is one line of any length.
+// Bad input isn't reported: the result is what decoded before it.
 VESK_EXPORT std::string FromBase64(const char* text);
 VESK_EXPORT std::string fromBase64String(const wxString& text);
 

@@ -55,8 +55,12 @@ bool CopyTree(const wxString& destinationPath, const wxString& sourcePath, bool 
         VESK_LOG_SYS_ERROR(wxS("CopyDirectory: %s: "), source);
         return false;
     }
-    if (!(mayExist && wxDirExists(destination)) && !wxFileName::Mkdir(destination, 0700, 0)) {
-        VESK_LOG_SYS_ERROR(wxS("CopyDirectory: %s: "), destination);
+    // mkdir(2) rather than wxFileName::Mkdir, which logs a line of its own
+    // and loses errno before the caller can report it.
+    if (!(mayExist && wxDirExists(destination)) &&
+        mkdir(destination.utf8_string().c_str(), 0700) != 0) {
+        const int error = errno;
+        VESK_LOG_SYS_ERROR(error, wxS("CopyDirectory: %s: "), destination);
         return false;
     }
     FileId id;

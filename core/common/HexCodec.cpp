@@ -2,6 +2,9 @@
 
 #include <wx/log.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace VeskCore {
@@ -22,16 +25,24 @@ wxString ToHex(const unsigned char* data, size_t size, bool compact) {
     return wxString::FromAscii(text.data(), text.size());
 }
 
-wxString WithoutSeparators(const wxString& text) {
-    wxString digits(text);
-    digits.Replace(wxS("-"), wxString(), true);
-    digits.Replace(wxS(":"), wxString(), true);
+// The UTF-8 bytes of the text without "-" and ":": the pairs are pairs of
+// bytes, so a stray non-ASCII character spoils its pair and no other.
+std::string WithoutSeparators(const wxString& text) {
+    std::string digits = text.utf8_string();
+    digits.erase(
+        std::remove_if(digits.begin(), digits.end(), [](char c) { return c == '-' || c == ':'; }),
+        digits.end());
     return digits;
 }
 
-bool ParsePair(const wxString& digits, size_t at, unsigned char& byte) {
-    unsigned long value = 0;
-    if (!digits.substr(at, 2).ToULong(&value, 16) || value > 0xFF) {
+// What wxString::ToULong accepts in base 16 (strtoul's rules, all of the pair
+// consumed), so a leading blank or sign passes as it always has.
+bool ParsePair(const std::string& digits, size_t at, unsigned char& byte) {
+    const char pair[3] = {digits[at], digits[at + 1], '\0'};
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(pair, &end, 16);
+    if (end != pair + 2 || errno == ERANGE || value > 0xFF) {
         return false;
     }
     byte = static_cast<unsigned char>(value);
@@ -50,7 +61,7 @@ wxString toHexString(const wxMemoryBuffer& data, bool compact) {
 
 std::string fromHexString(const wxString& text) {
     std::string out;
-    const wxString digits = WithoutSeparators(text);
+    const std::string digits = WithoutSeparators(text);
     if (digits.length() % 2 != 0) {
         wxLogError(wxS("fromHexString() - bad hex format: %.128s"), text);
         return out;
@@ -83,7 +94,7 @@ bool ParseHex(const wxString& text, unsigned char* out, size_t capacity, size_t&
 }
 
 bool isHexString(const wxString& text) {
-    const wxString digits = WithoutSeparators(text);
+    const std::string digits = WithoutSeparators(text);
     if (digits.empty() || digits.length() % 2 != 0) {
         return false;
     }

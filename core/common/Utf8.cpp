@@ -33,7 +33,7 @@ bool IsLegalSequence(const unsigned char* source, int length) {
     }
     if (length >= 2) {
         const unsigned char second = source[1];
-        if (second > 0xBF) {
+        if (second < 0x80 || second > 0xBF) {
             return false;
         }
         switch (lead) {
@@ -58,9 +58,7 @@ bool IsLegalSequence(const unsigned char* source, int length) {
                 }
                 break;
             default:
-                if (second < 0x80) {
-                    return false;
-                }
+                break;
         }
     }
     // Stray continuation bytes and overlong two-byte leads.

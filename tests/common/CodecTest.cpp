@@ -76,12 +76,14 @@ TEST(HexTest, BadTextIsLoggedAndSkipped) {
     VeskTest::CapturingLog log;
     EXPECT_EQ(fromHexString(wxS("ABC")), "");
     EXPECT_EQ(fromHexString(wxS("ZZ01")), "\x01");
+    // Pairs are of UTF-8 bytes: each two-byte character is one bad pair.
     EXPECT_EQ(fromHexString(wxS("01ZZ02\u00e9\u00e9")), "\x01\x02");
+    EXPECT_EQ(fromHexString(wxS("\u00e9AB")), "\xAB");
     fromHexString(wxString(wxS('x'), 1001));
     const auto errors = log.Texts(wxLOG_Error);
-    ASSERT_EQ(errors.size(), 5u);
+    ASSERT_EQ(errors.size(), 7u);
     EXPECT_EQ(errors[1], "fromHexString() - bad hex format: ZZ01");
-    EXPECT_EQ(errors[4], "fromHexString() - bad hex format: " + std::string(128, 'x'));
+    EXPECT_EQ(errors[6], "fromHexString() - bad hex format: " + std::string(128, 'x'));
 
     for (const wxString& text : {wxString(), wxString(wxS(":-")), wxString(wxS("ABC")),
                                  wxString(wxS("0G")), wxString(wxS("1 2 "))})

@@ -132,7 +132,10 @@ TEST(DirectoryTest, CopyTakesHiddenFilesFollowsLinksButNoLoops) {
     EXPECT_FALSE(Exists(dir / "copy/sub/up"));  // leads back into the tree being copied
     EXPECT_TRUE(log.Contains("directory is already being copied"));
 
+    const size_t before = log.Lines().size();
     EXPECT_FALSE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
+    ASSERT_EQ(log.Lines().size(), before + 1);  // one line, carrying mkdir's own error
+    EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "copy/") + ":  (error 17: File exists)"));
     WriteFile(dir / "copy/.hidden", "changed");
     WriteFile(dir / "copy/extra", "kept");
     EXPECT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), true));  // merges
