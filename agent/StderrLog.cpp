@@ -54,9 +54,18 @@ std::string Timestamp() {
 CStderrLog::CStderrLog(bool journal) : journal(journal) {}
 
 std::string CStderrLog::FormatLine(wxLogLevel level, const wxString& text) const {
-    if (journal)
-        return JournalPriority(level) + text.utf8_string();
-    return Timestamp() + " " + LevelName(level) + ": " + text.utf8_string();
+    if (!journal)
+        return Timestamp() + " " + LevelName(level) + ": " + text.utf8_string();
+    // journald reads each line as an entry of its own: every line of a record
+    // (a traceback, say) carries the record's priority.
+    const std::string priority = JournalPriority(level);
+    std::string line = priority;
+    for (const char c : text.utf8_string()) {
+        line += c;
+        if (c == '\n')
+            line += priority;
+    }
+    return line;
 }
 
 void CStderrLog::DoLogRecord(wxLogLevel level, const wxString& msg, const wxLogRecordInfo&) {

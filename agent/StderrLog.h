@@ -1,8 +1,9 @@
 // The agent's log target: one line per record on standard error.
 //
 // Under systemd (JOURNAL_STREAM set) each line starts with its journald
-// priority ("<3>" error, "<4>" warning, "<6>" info, "<7>" debug) and carries
-// no timestamp, since the journal keeps its own. Otherwise a line is
+// priority ("<3>" error, "<4>" warning, "<6>" info, "<7>" debug), every line
+// of a multi-line record too, and carries no timestamp, since the journal
+// keeps its own. Otherwise a line is
 // "YYYY-MM-DD HH:MM:SS.mmm Level: text".
 //
 // Thread-safe: library threads log to it directly.

@@ -50,7 +50,7 @@ int RunScriptFile(const std::string& script) {
     if (status == 0 || status == -1)
         return 0;
     if (!lua.GetErrorInfo().empty())
-        fprintf(stderr, "%s\n", lua.GetErrorInfo().utf8_string().c_str());
+        wxLogError(wxS("%s"), lua.GetErrorInfo());
     return 1;
 }
 

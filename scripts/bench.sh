@@ -6,5 +6,5 @@ bash scripts/setup-debian.sh
 dir=$(BUILD_DIR=build-release BUILD_TYPE=Release bash scripts/build.sh | tail -n 1)
 for b in "$dir"/bench/*_bench; do
   echo "== $(basename "$b")"
-  "$b" --benchmark_min_time=0.2 "$@"
+  "$b" --benchmark_min_time=0.5 "$@"
 done

@@ -11,5 +11,7 @@ if [ "${VESK_TSAN:-0}" = 1 ]; then dir=build-tsan; flags+=(-DVESK_TSAN=ON -DVESK
 dir=${BUILD_DIR:-$dir}
 
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" "${flags[@]}" >/dev/null
-cmake --build "$dir" -j2 "$@"
+# Build output goes to stderr: callers take the directory from stdout, and
+# compiler diagnostics must reach the reader all the same.
+cmake --build "$dir" -j2 "$@" >&2
 echo "$dir"

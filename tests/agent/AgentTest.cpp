@@ -46,6 +46,8 @@ TEST(StderrLog, JournalLinesCarryPriorityInsteadOfTime) {
     EXPECT_EQ(journal.FormatLine(wxLOG_Info, text), "<6>héllo");
     EXPECT_EQ(journal.FormatLine(wxLOG_Debug, text), "<7>héllo");
     EXPECT_EQ(journal.FormatLine(wxLOG_Trace, text), "<7>héllo");
+    EXPECT_EQ(journal.FormatLine(wxLOG_Error, wxS("failed\nstack traceback:\n\tx.lua:1")),
+              "<3>failed\n<3>stack traceback:\n<3>\tx.lua:1");
 
     CStderrLog terminal(false);
     const std::regex stamped(

@@ -33,13 +33,23 @@ expect nothing 2 "$agent"
 printf 'print("out", 1)\n' >"$tmp/ok.lua"
 expect run-ok 0 "$agent" --run "$tmp/ok.lua" && contains run-ok "$tmp/out" "out	1"
 
+# Script text reaches print and the log functions literally, never as a format.
+printf 'print("100%% literal %%s")\nrequire("vesk_core").wxLogMessage("50%% %%d %%s")\n' >"$tmp/literal.lua"
+expect literal 0 "$agent" --run "$tmp/literal.lua" &&
+  contains literal "$tmp/out" "100% literal %s" && contains literal "$tmp/err" "Message: 50% %d %s"
+
 printf 'print("before")\nos.exit(5)\nprint("after")\n' >"$tmp/exit.lua"
 expect os-exit 0 "$agent" --run "$tmp/exit.lua" && contains os-exit "$tmp/out" "before"
 if grep -q after "$tmp/out"; then echo "FAIL os-exit: ran past os.exit"; failures=$((failures + 1)); fi
 
 printf 'local function f() error("broken here") end\nf()\n' >"$tmp/fail.lua"
 expect run-error 1 "$agent" --run "$tmp/fail.lua" &&
-  contains run-error "$tmp/err" "fail.lua:1: broken here" && contains run-error "$tmp/err" "stack traceback:"
+  contains run-error "$tmp/err" "Error: $tmp/fail.lua:1: broken here" &&
+  contains run-error "$tmp/err" "stack traceback:"
+JOURNAL_STREAM=8:1 expect run-error-journal 1 "$agent" --run "$tmp/fail.lua" &&
+  contains run-error-journal "$tmp/err" "<3>stack traceback:"
+
+expect api-doc 0 "$agent" --api-doc && contains api-doc "$tmp/out" "# SLB reference"
 
 printf 'x = = 1\n' >"$tmp/syntax.lua"
 expect syntax 1 "$agent" --run "$tmp/syntax.lua" && contains syntax "$tmp/err" "luaL_loadbuffer() returned 3"
