@@ -12,8 +12,22 @@
 namespace SLB {
 namespace {
 
-// Its address keys the bound manager in each registry.
+// Their addresses key the bound manager, and the state's hold on it, in each
+// registry.
 char s_managerKey;
+char s_holdKey;
+
+// __gc of a state's hold: the state is closing, and with it every instance
+// that could still reach the manager's classes.
+int releaseHold(lua_State* L) {
+    auto** holder = static_cast<Manager**>(lua_touserdata(L, 1));
+    if (holder != nullptr && *holder != nullptr) {
+        Manager* manager = *holder;
+        *holder = nullptr;
+        manager->release();
+    }
+    return 0;
+}
 
 std::mutex s_defaultMutex;
 // Atomic so that readers on Lua threads need not take the mutex.
@@ -39,14 +53,30 @@ Manager* Manager::defaultManager() {
     Manager* manager = s_default.load(std::memory_order_relaxed);
     if (!manager) {
         manager = new Manager;
+        manager->selfDeleting_ = true;
+        manager->holds_ = 1;  // the process's own hold, given up by destroyDefaultManager
         s_default.store(manager, std::memory_order_release);
     }
     return manager;
 }
 
 void Manager::destroyDefaultManager() {
-    std::lock_guard<std::mutex> lock(s_defaultMutex);
-    delete s_default.exchange(nullptr);
+    Manager* manager = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(s_defaultMutex);
+        manager = s_default.exchange(nullptr);
+    }
+    if (manager)
+        manager->release();
+}
+
+void Manager::retain() {
+    holds_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Manager::release() {
+    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1 && selfDeleting_)
+        delete this;
 }
 
 Manager* Manager::getInstance(lua_State* L) {
@@ -58,6 +88,17 @@ Manager* Manager::getInstance(lua_State* L) {
 
 void Manager::registerSLB(lua_State* L) {
     SLB_STACK_CHECK(L, 0);
+    // The state holds the manager until it closes. Made before any instance,
+    // the hold is finalized after all of them.
+    auto** holder = static_cast<Manager**>(lua_newuserdata(L, sizeof(Manager*)));  // +1
+    *holder = nullptr;
+    lua_createtable(L, 0, 1);  // +2
+    lua_pushcfunction(L, &releaseHold);
+    lua_setfield(L, -2, "__gc");
+    lua_setmetatable(L, -2);  // +1
+    *holder = this;
+    retain();
+    lua_rawsetp(L, LUA_REGISTRYINDEX, &s_holdKey);  // an earlier hold is released when collected
     lua_pushlightuserdata(L, this);
     lua_rawsetp(L, LUA_REGISTRYINDEX, &s_managerKey);
     root_->push(L);  // +1

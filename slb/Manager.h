@@ -4,13 +4,17 @@
 // state is bound to one manager by registerSLB.
 //
 // Ownership: the manager owns everything set in it and every class it made.
-// Destroy it only after every Lua state bound to it has been closed.
+// Every Lua state bound by registerSLB holds the manager until the state
+// closes, so the default manager outlives destroyDefaultManager() for as long
+// as such states remain. A manager made by its user must outlive the states
+// bound to it.
 //
 // Thread safety: filled during registration on one thread. Afterwards the
 // registry is read by many Lua states on many threads without a lock, and must
 // not change. defaultManager() and destroyDefaultManager() are serialised.
 #pragma once
 
+#include <atomic>
 #include <iosfwd>
 #include <string_view>
 #include <unordered_map>
@@ -36,8 +40,9 @@ class SLB_EXPORT Manager : public Allocated {
 
     // The process-wide manager, made at the first call.
     static Manager* defaultManager();
-    // Destroys the default manager with all its registrations; the next
-    // defaultManager() makes a new, empty one.
+    // Gives up the process's default manager with all its registrations; the
+    // next defaultManager() makes a new, empty one. The old one is destroyed
+    // when the last Lua state bound to it has closed.
     static void destroyDefaultManager();
     // The manager bound to L, or null if registerSLB has not run on it.
     static Manager* getInstance(lua_State* L);
@@ -56,6 +61,11 @@ class SLB_EXPORT Manager : public Allocated {
     // The class of a type, created empty (no name, no kind) if missing.
     ClassInfo* getOrCreateClass(const TypeInfoWrapper& type);
 
+    // A bound state's hold on the manager; the default manager is destroyed
+    // when the last hold goes.
+    void retain();
+    void release();
+
     // Writes a Markdown reference of every name in the tree, sorted by name:
     // tables, classes with bases and instance kind, constructors, functions and
     // methods with their parameter types and comments, documentation texts and
@@ -72,6 +82,8 @@ class SLB_EXPORT Manager : public Allocated {
 
     Table* root_;
     ClassMap classes_;
+    std::atomic<int> holds_{0};
+    bool selfDeleting_ = false;
 };
 
 }  // namespace SLB

@@ -69,6 +69,27 @@ TEST_F(RegistryTest, DefaultManagerIsMadeOnceAndDestroyedWithItsNames) {
     SLB::Manager::destroyDefaultManager();
 }
 
+// A script may end the library (SLB.Term) while it still holds objects: the
+// registry it was bound to must serve it, and its collector, until it closes.
+TEST_F(RegistryTest, DefaultManagerOutlivesItsDestructionWhileStatesAreBound) {
+    Lifetime::reset();
+    SLB::Manager* first = SLB::Manager::defaultManager();
+    registerExamples(*first);
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    first->registerSLB(L);
+    ASSERT_EQ(luaL_dostring(L, "kept = SLB.geo.Shape(3)"), LUA_OK);
+    SLB::Manager::destroyDefaultManager();
+    EXPECT_NE(SLB::Manager::defaultManager(), first);
+    EXPECT_EQ(SLB::Manager::getInstance(L), first);
+    EXPECT_EQ(luaL_dostring(L, "assert(kept:side() == 3 and SLB.geo.Square(2):area() == 4)"),
+              LUA_OK)
+        << lua_tostring(L, -1);
+    lua_close(L);
+    EXPECT_EQ(Lifetime::destroyed, 2);
+    SLB::Manager::destroyDefaultManager();
+}
+
 TEST_F(RegistryTest, ClassCannotInheritItselfOrADescendant) {
     struct A {};
     struct B : A {};
