@@ -1,6 +1,7 @@
 #include "agent/AgentOptions.h"
 
 #include <cstring>
+#include <map>
 
 namespace {
 
@@ -13,6 +14,17 @@ bool TakeValue(int argc, const char* const* argv, int& i, std::string& value, st
     return true;
 }
 
+// Options that take a value and only set it; the mode comes from the others.
+std::string* SettingOption(const std::string& arg, CAgentOptions& options) {
+    const std::map<std::string, std::string CAgentOptions::*> settings = {
+        {"--trace", &CAgentOptions::traceMasks}, {"--bin-path", &CAgentOptions::binPath},
+        {"--lua-path", &CAgentOptions::luaPath}, {"--lua-cpath", &CAgentOptions::luaCPath},
+        {"--zip-path", &CAgentOptions::zipPath}, {"--state-dir", &CAgentOptions::stateDir},
+    };
+    const auto found = settings.find(arg);
+    return found == settings.end() ? nullptr : &(options.*(found->second));
+}
+
 }  // namespace
 
 bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& options,
@@ -21,6 +33,11 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
     bool haveMode = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
+        if (std::string* setting = SettingOption(arg, options)) {
+            if (!TakeValue(argc, argv, i, *setting, error))
+                return false;
+            continue;
+        }
         Mode mode;
         if (arg == "--help" || arg == "-h") {
             mode = Mode::Help;
@@ -32,16 +49,18 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
             if (!TakeValue(argc, argv, i, options.script, error))
                 return false;
             mode = Mode::Run;
-        } else if (arg == "--trace") {
-            if (!TakeValue(argc, argv, i, options.traceMasks, error))
+        } else if (arg == "--service") {
+            std::string name;
+            if (!TakeValue(argc, argv, i, name, error))
                 return false;
-            continue;
+            options.services.push_back(name);
+            mode = Mode::Serve;
         } else {
             error = "unknown option '" + arg + "'";
             return false;
         }
         if (haveMode && mode != options.mode) {
-            error = "only one of --run, --api-doc, --help and --version may be given";
+            error = "only one of --run, --service, --api-doc, --help and --version may be given";
             return false;
         }
         options.mode = mode;
@@ -55,17 +74,27 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
 }
 
 const char* CAgentOptions::Usage() {
-    return "Usage: vesk-agent --run FILE [--trace MASKS]\n"
+    return "Usage: vesk-agent --service NAME [--service NAME]... [OPTIONS]\n"
+           "       vesk-agent --run FILE [OPTIONS]\n"
            "       vesk-agent --api-doc\n"
            "       vesk-agent --help | --version\n"
            "\n"
-           "  --run FILE     run a Lua script; print() goes to standard output\n"
-           "  --trace MASKS  comma-separated trace masks (wildcards * and ?), for example\n"
-           "                 'App,HTTP' or '*'; 'Main.verbose' traces every line of the script\n"
-           "  --api-doc      print the reference of the Lua API in Markdown\n"
-           "  --help         show this text\n"
-           "  --version      show the version\n"
+           "  --service NAME     run the Lua module NAME as a service (repeatable); the\n"
+           "                     agent runs until SIGTERM or SIGINT, then stops them all\n"
+           "  --run FILE         run a Lua script; print() goes to standard output\n"
+           "  --bin-path DIR     install location for lua/ and lib/ (default: the\n"
+           "                     directory of vesk-agent)\n"
+           "  --lua-path PATHS   Lua module templates searched first, as in package.path\n"
+           "  --lua-cpath PATHS  native module templates searched first\n"
+           "  --zip-path FILES   ';'-separated zip archives of Lua modules\n"
+           "  --state-dir DIR    where the configuration is kept (made 0700 if missing)\n"
+           "  --trace MASKS      comma-separated trace masks (wildcards * and ?), for example\n"
+           "                     'App,HTTP' or '*'; NAME.verbose traces every line of the\n"
+           "                     thread NAME ('Main' for --run)\n"
+           "  --api-doc          print the reference of the Lua API in Markdown\n"
+           "  --help             show this text\n"
+           "  --version          show the version\n"
            "\n"
-           "Exit status: 0 on success (os.exit included), 1 when the script fails,\n"
-           "2 on a usage error.\n";
+           "Exit status: 0 on success (os.exit included), 1 when the script fails or the\n"
+           "agent can't start, 2 on a usage error.\n";
 }

@@ -2,13 +2,20 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 struct CAgentOptions {
-    enum class Mode { Run, Help, Version, ApiDoc };
+    enum class Mode { Run, Serve, Help, Version, ApiDoc };
 
     Mode mode = Mode::Help;
-    std::string script;      // --run FILE
-    std::string traceMasks;  // --trace MASKS, comma-separated
+    std::string script;                 // --run FILE
+    std::vector<std::string> services;  // --service NAME, in order
+    std::string traceMasks;             // --trace MASKS, comma-separated
+    std::string binPath;                // --bin-path DIR (default: the executable's)
+    std::string luaPath;                // --lua-path TEMPLATES
+    std::string luaCPath;               // --lua-cpath TEMPLATES
+    std::string zipPath;                // --zip-path ARCHIVES
+    std::string stateDir;               // --state-dir DIR
 
     // Parses argv. On a usage error returns false with `error` set.
     static bool Parse(int argc, const char* const* argv, CAgentOptions& options,

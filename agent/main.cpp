@@ -1,5 +1,7 @@
 // vesk-agent: the host program of vesk_core. It installs the log target,
 // brings the library up, runs what the command line asks, and brings it down.
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <wx/filename.h>
 #include <wx/wfstream.h>
@@ -11,7 +13,9 @@
 
 #include "agent/AgentOptions.h"
 #include "agent/StderrLog.h"
+#include "core/common/FileUtil.h"
 #include "core/lua/LuaInterpreter.h"
+#include "core/runtime/App.h"
 #include "core/runtime/LogTrace.h"
 #include "core/runtime/Version.h"
 #include "core/runtime/vesk_core.h"
@@ -19,8 +23,8 @@
 
 namespace {
 
-// The directory of the running executable: the install location from which
-// the Lua package paths are derived.
+// The directory of the running executable: the default install location from
+// which the Lua package paths are derived.
 std::string ExecutableDirectory() {
     char path[4096];
     const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
@@ -35,17 +39,25 @@ std::string DirectoryOf(const std::string& file) {
     return dir.empty() ? "." : dir.utf8_string();
 }
 
-int RunScriptFile(const std::string& script) {
-    wxFileInputStream source(wxString::FromUTF8(script));
+std::string BinPath(const CAgentOptions& options) {
+    return options.binPath.empty() ? ExecutableDirectory() : options.binPath;
+}
+
+int RunScriptFile(const CAgentOptions& options) {
+    wxFileInputStream source(wxString::FromUTF8(options.script));
     if (!source.IsOk()) {
-        fprintf(stderr, "vesk-agent: cannot read '%s'\n", script.c_str());
+        fprintf(stderr, "vesk-agent: cannot read '%s'\n", options.script.c_str());
         return 1;
     }
     VeskCore::CLuaInterpreter lua(false, "Main.verbose", true);
     // Modules beside the script come first, as a user running it would expect.
-    lua.SetPackagePaths(ExecutableDirectory(), DirectoryOf(script) + "/?.lua", "", "");
+    std::string luaPath = DirectoryOf(options.script) + "/?.lua";
+    if (!options.luaPath.empty())
+        luaPath = options.luaPath + ";" + luaPath;
+    lua.SetPackagePaths(BinPath(options), luaPath, options.luaCPath, options.zipPath);
     wxFFileOutputStream output(stdout);
-    const int status = lua.RunScript(source, 0, 0, wxString::FromUTF8("@" + script), &output);
+    const int status =
+        lua.RunScript(source, 0, 0, wxString::FromUTF8("@" + options.script), &output);
     output.Sync();
     if (status == 0 || status == -1)
         return 0;
@@ -61,12 +73,72 @@ int WriteApiReference() {
     return fwrite(text.data(), 1, text.size(), stdout) == text.size() ? 0 : 1;
 }
 
-int Run(const CAgentOptions& options) {
+// The signals that stop the agent. Blocked before any thread exists, so that
+// every thread inherits the block and the main thread takes them in sigwait.
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+bool PrepareStateDirectory(const std::string& path) {
+    const wxString dir = wxString::FromUTF8(path);
+    if (!wxFileName::DirExists(dir) && !wxFileName::Mkdir(dir, 0700, wxPATH_MKDIR_FULL)) {
+        wxLogError(wxS("vesk-agent: cannot make the state directory '%s'"), dir);
+        return false;
+    }
+    VeskCore::SecureFileOrDirectory(dir, false);
+    return true;
+}
+
+void ConfigureApp(VeskCore::CApp& app, const CAgentOptions& options) {
+    app.Set("app.path.bin", BinPath(options));
+    app.Set("app.lua.path", options.luaPath);
+    app.Set("app.lua.cpath", options.luaCPath);
+    app.Set("app.lua.zippath", options.zipPath);
     if (!options.traceMasks.empty())
-        VeskCore::TraceMasksSet(options.traceMasks);
-    if (options.mode == CAgentOptions::Mode::ApiDoc)
-        return WriteApiReference();
-    return RunScriptFile(options.script);
+        app.Set("app.trace", options.traceMasks);
+    app.Set("agent.state.dir", options.stateDir);
+}
+
+// Runs the services until a stop signal; then stops them all and waits.
+int Serve(const CAgentOptions& options) {
+    // What the agent and its scripts write (configuration, keys) is theirs alone.
+    umask(077);
+    if (!options.stateDir.empty() && !PrepareStateDirectory(options.stateDir))
+        return 1;
+    VeskCore::CApp app;
+    ConfigureApp(app, options);
+    // A write of nothing loads the stored configuration, so that services
+    // read it from their start.
+    if (!options.stateDir.empty())
+        app.ConfigSet("<Config/>");
+    for (const std::string& service : options.services)
+        app.ServiceStart(wxString::FromUTF8(service));
+
+    const sigset_t signals = StopSignals();
+    int signal = 0;
+    sigwait(&signals, &signal);
+    wxLogMessage(wxS("vesk-agent: signal %d, stopping the services"), signal);
+    app.InitiateShutdown();
+    app.Shutdown();
+    wxLogMessage(wxS("vesk-agent: stopped"));
+    return 0;
+}
+
+int Run(const CAgentOptions& options) {
+    switch (options.mode) {
+        case CAgentOptions::Mode::ApiDoc:
+            return WriteApiReference();
+        case CAgentOptions::Mode::Serve:
+            return Serve(options);
+        default:
+            if (!options.traceMasks.empty())
+                VeskCore::TraceMasksSet(options.traceMasks);
+            return RunScriptFile(options);
+    }
 }
 
 }  // namespace
@@ -85,6 +157,10 @@ int main(int argc, char** argv) {
     if (options.mode == CAgentOptions::Mode::Version) {
         printf("vesk-agent %s\n", VESK_VERSION_STRING);
         return 0;
+    }
+    if (options.mode == CAgentOptions::Mode::Serve) {
+        const sigset_t signals = StopSignals();
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     }
 
     CStderrLog log(getenv("JOURNAL_STREAM") != nullptr);

@@ -14,3 +14,10 @@ pkg_check_modules(LUA52 REQUIRED IMPORTED_TARGET lua5.2)
 find_package(OpenSSL 3.0 REQUIRED)
 find_package(ZLIB REQUIRED)
 find_package(EXPAT REQUIRED)
+
+# wxSQLite3 ships no CMake or pkg-config file of its own.
+find_path(WXSQLITE3_INCLUDE_DIR wx/wxsqlite3.h PATH_SUFFIXES wx-3.2 REQUIRED)
+find_library(WXSQLITE3_LIBRARY NAMES wxsqlite3-3.2 REQUIRED)
+add_library(vesk_wxsqlite3 INTERFACE)
+target_include_directories(vesk_wxsqlite3 SYSTEM INTERFACE ${WXSQLITE3_INCLUDE_DIR})
+target_link_libraries(vesk_wxsqlite3 INTERFACE ${WXSQLITE3_LIBRARY} vesk_wx)

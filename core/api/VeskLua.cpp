@@ -2,6 +2,7 @@
 
 #include <wx/thread.h>
 
+#include "core/api/AppLua.h"
 #include "slb/Manager.h"
 
 bool VeskLua_Init() {
@@ -12,10 +13,11 @@ bool VeskLua_Init() {
         return true;
     // Set first: a registration that fails half-way is never repeated.
     b_InitDone = true;
-    // The modules register here, in this order, as they are built: own names
-    // (application, credentials, files), then HmdLua_Init, HttpLua_Init,
-    // LuaStream_Init, NetLua_Init, OpenSslLua_Init, WxLua_Init.
-    SLB::Manager::defaultManager();
+    SLB::Manager* const manager = SLB::Manager::defaultManager();
+    // Own names first (credentials and files join the application's), then
+    // the modules, in this order, as they are built: HmdLua_Init,
+    // HttpLua_Init, LuaStream_Init, NetLua_Init, OpenSslLua_Init, WxLua_Init.
+    VeskCore::AppLua_Init(manager);
     return true;
 }
 

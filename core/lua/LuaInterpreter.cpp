@@ -10,6 +10,7 @@
 #include <lua.hpp>
 #include <new>
 
+#include "core/lua/ZipLoader.h"
 #include "core/runtime/LogTrace.h"
 #include "slb/Manager.h"
 
@@ -236,6 +237,8 @@ void CLuaInterpreter::SetPackagePaths(const std::string& binPath, const std::str
     if (!zipPath.empty()) {
         lua_pushlstring(state, zipPath.data(), zipPath.size());
         lua_setfield(state, -2, "zippath");
+        // One more searcher at each call, on purpose: each keeps its own list.
+        RegisterZipLoader(state);
     }
     std::string path = luaPath.empty() ? std::string() : luaPath + ";";
     path += binPath + "/lua/?.lua;" + binPath + "/lua/?/init.lua";

@@ -57,7 +57,7 @@ class VESK_EXPORT CLuaInterpreter {
 
     // Derives package.path and package.cpath from the install location;
     // non-empty `luaPath`/`cPath` come first. A non-empty `zipPath` becomes
-    // package.zippath.
+    // package.zippath and adds a zip searcher over it (one more per call).
     void SetPackagePaths(const std::string& binPath, const std::string& luaPath,
                          const std::string& cPath, const std::string& zipPath);
 

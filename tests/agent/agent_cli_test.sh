@@ -25,7 +25,7 @@ contains() {  # contains NAME FILE TEXT
   passes=$((passes + 1))
 }
 
-expect help 0 "$agent" --help && contains help "$tmp/out" "Usage: vesk-agent --run FILE"
+expect help 0 "$agent" --help && contains help "$tmp/out" "vesk-agent --run FILE"
 expect version 0 "$agent" --version && contains version "$tmp/out" "vesk-agent 9."
 expect unknown 2 "$agent" --no-such-option && contains unknown "$tmp/err" "unknown option '--no-such-option'"
 expect nothing 2 "$agent"
