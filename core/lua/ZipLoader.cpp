@@ -1,28 +1,126 @@
 #include "core/lua/ZipLoader.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <wx/ffile.h>
 #include <wx/file.h>
 #include <wx/filename.h>
 #include <wx/wfstream.h>
 #include <wx/zipstrm.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <lua.hpp>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace VeskCore {
 namespace {
 
-// What lua_load reads from: the archive stream positioned at the entry.
+constexpr size_t kBlock = 16384;
+
+// One entry's bytes straight from the archive file: its local header at the
+// entry's offset, then the data, stored or deflated (inflated on the way).
+// Reading through wx's streams costs a dozen seeks and stats per entry.
+class EntryReader {
+  public:
+    EntryReader() = default;
+    EntryReader(const EntryReader&) = delete;
+    EntryReader& operator=(const EntryReader&) = delete;
+    ~EntryReader() {
+        if (inflating)
+            inflateEnd(&zip);
+    }
+
+    // False when the entry is of another kind, or its header doesn't check out.
+    bool Open(int descriptor, const wxZipEntry& entry) {
+        const int method = entry.GetMethod();
+        if (method != wxZIP_METHOD_STORE && method != wxZIP_METHOD_DEFLATE)
+            return false;
+        unsigned char header[30];
+        if (pread(descriptor, header, sizeof header, entry.GetOffset()) != sizeof header ||
+            Little(header, 4) != 0x04034b50u)
+            return false;
+        fd = descriptor;
+        next = entry.GetOffset() + sizeof header + Little(header + 26, 2) + Little(header + 28, 2);
+        end = next + entry.GetCompressedSize();
+        if (method == wxZIP_METHOD_DEFLATE) {
+            if (inflateInit2(&zip, -MAX_WBITS) != Z_OK)
+                return false;
+            inflating = true;
+        }
+        return true;
+    }
+
+    // Up to `size` bytes of the entry; 0 at its end or on an error.
+    size_t Read(char* out, size_t size) {
+        if (!inflating)
+            return Raw(out, size);
+        zip.next_out = reinterpret_cast<Bytef*>(out);
+        zip.avail_out = static_cast<uInt>(size);
+        while (zip.avail_out > 0 && !ended) {
+            if (zip.avail_in == 0) {
+                const size_t got = Raw(input, sizeof input);
+                if (got == 0)
+                    break;
+                zip.next_in = reinterpret_cast<Bytef*>(input);
+                zip.avail_in = static_cast<uInt>(got);
+            }
+            const int status = inflate(&zip, Z_NO_FLUSH);
+            if (status == Z_STREAM_END)
+                ended = true;
+            else if (status != Z_OK)
+                break;
+        }
+        return size - zip.avail_out;
+    }
+
+  private:
+    static unsigned long Little(const unsigned char* bytes, int count) {
+        unsigned long value = 0;
+        for (int i = count - 1; i >= 0; --i)
+            value = value << 8 | bytes[i];
+        return value;
+    }
+
+    size_t Raw(char* out, size_t size) {
+        if (next >= end)
+            return 0;
+        const size_t wanted = std::min<wxFileOffset>(size, end - next);
+        const ssize_t got = pread(fd, out, wanted, next);
+        if (got <= 0)
+            return 0;
+        next += got;
+        return static_cast<size_t>(got);
+    }
+
+    int fd = -1;
+    wxFileOffset next = 0;
+    wxFileOffset end = 0;
+    z_stream zip{};
+    bool inflating = false;
+    bool ended = false;
+    char input[kBlock];
+};
+
+// What lua_load reads from: the entry, directly or through wx's zip stream.
 struct StreamReaderState {
-    char buffer[16384];
-    wxInputStream* stream;
+    char buffer[kBlock];
+    EntryReader* entry = nullptr;
+    wxInputStream* stream = nullptr;
 };
 
 const char* StreamReader(lua_State*, void* data, size_t* size) {
     auto* reader = static_cast<StreamReaderState*>(data);
-    reader->stream->Read(reader->buffer, sizeof reader->buffer);
-    *size = reader->stream->LastRead();
+    if (reader->entry != nullptr) {
+        *size = reader->entry->Read(reader->buffer, sizeof reader->buffer);
+    } else {
+        reader->stream->Read(reader->buffer, sizeof reader->buffer);
+        *size = reader->stream->LastRead();
+    }
     return reader->buffer;
 }
 
@@ -46,10 +144,95 @@ struct Search {
     bool stopped = false;  // an archive that exists could not be opened
 };
 
+wxString NotInArchive(const EntryNames& names, const wxString& archive) {
+    return wxString::Format(wxS("\n\tno '%s' or '%s' in file '%s'"), names.file, names.init,
+                            archive);
+}
+
 void AddFailure(Search& search, const wxString& line) {
     if (search.loadStatus != LUA_OK)
         return;  // after a broken module, no more lines are gathered
     search.failures += line.utf8_string();
+}
+
+// The first entry of each name in one archive, in archive order, for as long
+// as the file stays the same file with the same size and time.
+class ArchiveIndex {
+  public:
+    static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, wxFFileInputStream& file);
+
+    // The entry that comes first of the two names, or null.
+    const wxZipEntry* FirstOf(const wxString& a, const wxString& b) const {
+        const auto foundA = positions.find(a);
+        const auto foundB = positions.find(b);
+        size_t best = entries.size();
+        if (foundA != positions.end())
+            best = foundA->second;
+        if (foundB != positions.end() && foundB->second < best)
+            best = foundB->second;
+        return best < entries.size() ? entries[best].get() : nullptr;
+    }
+
+  private:
+    struct stat identity {};
+    std::unordered_map<wxString, size_t, wxStringHash, wxStringEqual> positions;
+    std::vector<std::unique_ptr<wxZipEntry>> entries;
+
+    bool Describes(const struct stat& file) const {
+        return identity.st_dev == file.st_dev && identity.st_ino == file.st_ino &&
+               identity.st_size == file.st_size && identity.st_mtim.tv_sec == file.st_mtim.tv_sec &&
+               identity.st_mtim.tv_nsec == file.st_mtim.tv_nsec;
+    }
+
+    // Walks every entry once; a corrupt archive reads as one without entries.
+    void Read(wxInputStream& file) {
+        wxZipInputStream zip(file, wxConvUTF8);
+        for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry;
+             entry.reset(zip.GetNextEntry())) {
+            if (entry->IsDir())
+                continue;
+            if (positions.emplace(entry->GetName(wxPATH_NATIVE), entries.size()).second)
+                entries.push_back(std::move(entry));
+        }
+    }
+};
+
+std::mutex s_IndexGuard;
+std::unordered_map<wxString, std::shared_ptr<const ArchiveIndex>, wxStringHash, wxStringEqual>
+    s_Indexes;
+
+std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path,
+                                                     wxFFileInputStream& file) {
+    struct stat identity {};
+    if (fstat(fileno(file.GetFile()->fp()), &identity) != 0)
+        return nullptr;
+    {
+        std::lock_guard<std::mutex> lock(s_IndexGuard);
+        const auto known = s_Indexes.find(path);
+        if (known != s_Indexes.end() && known->second->Describes(identity))
+            return known->second;
+    }
+    auto index = std::make_shared<ArchiveIndex>();
+    index->identity = identity;
+    index->Read(file);
+    std::lock_guard<std::mutex> lock(s_IndexGuard);
+    s_Indexes[path] = index;
+    return index;
+}
+
+// An entry the direct reader doesn't take (another method, data in front of
+// the archive): wx's zip stream opens it. False when it won't open any more.
+// lua_load runs protected: it returns a status and never raises.
+bool LoadThroughWx(lua_State* L, wxFFileInputStream& file, const wxZipEntry& found,
+                   const std::string& chunkName, StreamReaderState& reader, Search& search) {
+    file.SeekI(0);
+    wxZipInputStream zip(file, wxConvUTF8);
+    wxZipEntry entry(found);
+    if (!zip.OpenEntry(entry))
+        return false;
+    reader.stream = &zip;
+    search.loadStatus = lua_load(L, StreamReader, &reader, chunkName.c_str(), nullptr);
+    return true;
 }
 
 // Looks for the module in one archive; on a match, lua_load pushes (+1) the
@@ -67,24 +250,23 @@ void SearchArchive(lua_State* L, const wxString& archive, const EntryNames& name
         }
         return;
     }
-    wxZipInputStream zip(file, wxConvUTF8);
-    for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry;
-         entry.reset(zip.GetNextEntry())) {
-        if (entry->IsDir())
-            continue;
-        const wxString name = entry->GetName(wxPATH_NATIVE);
-        if (name != names.file && name != names.init)
-            continue;
-        const std::string chunkName = (archive + wxS(":") + name).utf8_string();
-        auto reader = std::make_unique<StreamReaderState>();
-        reader->stream = &zip;
-        // lua_load runs protected: it returns a status and never raises.
-        search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
-        search.loaded = search.loadStatus == LUA_OK;
+    const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, file);
+    const wxZipEntry* found = index ? index->FirstOf(names.file, names.init) : nullptr;
+    if (found == nullptr) {
+        AddFailure(search, NotInArchive(names, archive));
         return;
     }
-    AddFailure(search, wxString::Format(wxS("\n\tno '%s' or '%s' in file '%s'"), names.file,
-                                        names.init, archive));
+    const std::string chunkName = (archive + wxS(":") + found->GetName()).utf8_string();
+    auto reader = std::make_unique<StreamReaderState>();
+    EntryReader direct;
+    if (direct.Open(fileno(file.GetFile()->fp()), *found)) {
+        reader->entry = &direct;
+        search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
+    } else if (!LoadThroughWx(L, file, *found, chunkName, *reader, search)) {
+        AddFailure(search, NotInArchive(names, archive));
+        return;
+    }
+    search.loaded = search.loadStatus == LUA_OK;
 }
 
 void SearchArchives(lua_State* L, const char* module, const char* list, Search& search) {

@@ -3,8 +3,14 @@
 //
 // The archives are package.zippath at the time of registration, a ";"-list
 // searched left to right; module a.b is the entry a/b.lua or a/b/init.lua,
-// whichever comes first in the archive. No archive is cached: each search
-// opens them anew. A module on package.path wins, the searcher being last.
+// whichever comes first in the archive. A module on package.path wins, the
+// searcher being last.
+//
+// Each search opens the archives anew. What their entries are is remembered
+// per path (the first entry of each name, in archive order) for as long as
+// the file keeps its device, inode, size and modification time, so a module
+// late in a large archive costs no walk over the others; a changed archive is
+// read again. Thread safety: states on many threads may search at once.
 #pragma once
 
 #include "core/common/Export.h"
