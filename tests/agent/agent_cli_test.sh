@@ -60,5 +60,28 @@ printf 'print("traced")\n' >"$tmp/trace.lua"
 JOURNAL_STREAM=8:1 expect journal 0 "$agent" --run "$tmp/trace.lua" --trace 'Main.verbose' &&
   contains journal "$tmp/err" "<6>[Main.verbose] Line:" && contains journal "$tmp/out" "traced"
 
+# Services: the demo service from the zip archive the build makes, stopped by
+# SIGTERM; its configuration is kept in the state directory across restarts.
+serve() {  # serve LABEL: runs the agent until the service has started, then stops it
+  rm -f "$tmp/err"  # the start line waited for must be this run's
+  "$agent" --service vesk.demo.Heartbeat --zip-path "$(dirname "$agent")/lua/demo.zip" \
+    --state-dir "$tmp/state" >"$tmp/out" 2>"$tmp/err" &
+  local pid=$! polls=0
+  until grep -q "time(s) before" "$tmp/err" || [ $polls -ge 600 ]; do
+    sleep 0.05; polls=$((polls + 1))
+  done
+  kill -TERM "$pid"
+  wait "$pid"
+  local status=$?
+  if [ "$status" -ne 0 ]; then
+    echo "FAIL $1: status $status"; sed 's/^/  err: /' "$tmp/err"; failures=$((failures + 1))
+  fi
+}
+serve first-start && contains first-start "$tmp/err" "Heartbeat: started 0 time(s) before" &&
+  contains first-start "$tmp/err" "Heartbeat: stopping after"
+serve restart && contains restart "$tmp/err" "Heartbeat: started 1 time(s) before"
+modes=$(stat -c '%a' "$tmp/state" "$tmp/state/config.xml" | paste -sd' ')
+if [ "$modes" != "700 600" ]; then echo "FAIL state modes: $modes"; failures=$((failures + 1)); fi
+
 echo "$passes passed, $failures failed"
 [ "$failures" -eq 0 ]

@@ -1,0 +1,73 @@
+-- The application API as a script drives it: settings, services and worker
+-- threads, from the agent's main thread (which is no Runnable).
+local here = package.path:match("^(.-)/%?%.lua;")
+
+local function eventually(test, what)
+  local start = SLB.SystemTickCount()
+  while not test() do
+    assert(SLB.SystemTickDiff(start) < 20000, "timed out waiting for " .. what)
+    SLB.Sleep(5)
+  end
+end
+
+local function fails(pattern, f, ...)
+  local ok, err = pcall(f, ...)
+  assert(not ok and tostring(err):find(pattern), tostring(err))
+end
+
+-- Settings keep Lua's types; a number as a name is its text.
+local app = SLB.App()
+app:Set("n", 42)
+app:Set("s", "a\0b")
+app:Set("b", false)
+assert(app:Get("n") == 42 and app:Get("s") == "a\0b" and app:Get("b") == false)
+assert(app:Get("missing") == nil)
+app:Set(7, "seven")
+assert(app:Get("7") == "seven")
+fails("Unsupported value type", app.Set, app, "x", nil)
+fails("Invalid setting name", app.Get, app, {})
+fails("App object expected", app.Get, {}, "x")
+fails("App object expected", app.Set, nil, "x", 1)
+
+-- The two ShouldExit: the function checks its argument and knows no
+-- application; the method takes any argument as a number.
+assert(SLB.ShouldExit() == false and SLB.ShouldExit(0) == false)
+fails("number expected", SLB.ShouldExit, "x")
+assert(app:ShouldExit("x") == false)
+fails("Error number of arguments %(given 0 %-> expected 1%)", app.ShouldExit, app)
+assert(SLB.SystemTickDiff(5, 4294967295) == 6)
+assert(SLB.Runnable.This() == nil and SLB.LuaThread.This() == nil)
+
+-- A service sees itself as a Runnable and a LuaThread, and is found by handle.
+app:Set("app.lua.path", here .. "/?.lua")
+assert(app:ServiceStart("service_probe") and app:ServiceIsRunning("service_probe"))
+eventually(function() return app:Get("probe.thread") ~= nil end, "the service to start")
+assert(app:Get("probe.thread") == "service_probe" and app:Get("probe.isLuaThread") == true)
+local service = app:ThreadGet(app:Get("probe.handle"))
+assert(service and service:GetThreadName() == "service_probe" and service:isRunning())
+assert(app:ServiceStop("service_probe") and not app:ServiceIsRunning("service_probe"))
+assert(app:ThreadGet(app:Get("probe.handle")) == nil)
+
+-- A worker takes one chunk at a time; a one-shot takes none after its first.
+local worker = SLB.LuaThread("", "worker", app)
+worker:startWithDefaults()
+eventually(function() return worker:isIdle() end, "an idle worker")
+assert(worker:RunScript("app:Set('sum', 1 + 2)", nil))
+eventually(function() return app:Get("sum") == 3 end, "the worker's chunk")
+eventually(function() return worker:isIdle() end, "the worker to idle again")
+assert(worker:RunScript("SLB.Sleep(200) app:Set('slow', true)", nil))
+assert(not worker:RunScript("app:Set('second', true)", nil))  -- busy or still pending
+eventually(function() return app:Get("slow") end, "the slow chunk")
+assert(app:Get("second") == nil)
+
+local once = SLB.LuaThread("app:Set('once', SLB.LuaThread.This():GetThreadName())", "once", app)
+assert(not once:RunScript("x = 1", nil))  -- not even started
+once:startWithDefaults()
+eventually(function() return not once:isRunning() end, "the one-shot to end")
+assert(app:Get("once") == "once" and not once:RunScript("x = 1", nil) and not once:isIdle())
+
+worker:requestExit()
+worker:join()
+assert(not worker:isRunning())
+fails("Error number of arguments %(given 2 %-> expected 3%)", SLB.LuaThread, "", "w")
+print("app_test passed")
