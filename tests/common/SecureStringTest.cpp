@@ -31,8 +31,9 @@ const char* StoredBytes(const wxSecureString& s) {
 // (whose characters are `width` bytes wide), which the heap may have taken
 // back: reading it is the point. The allocator keeps its bookkeeping in the
 // first 16 bytes of a freed block.
-__attribute__((no_sanitize("address"), noinline)) size_t Left(const void* block, const char* was,
-                                                              size_t width = 1) {
+__attribute__((no_sanitize("address", "thread"), noinline)) size_t Left(const void* block,
+                                                                        const char* was,
+                                                                        size_t width = 1) {
     const volatile unsigned char* bytes = static_cast<const volatile unsigned char*>(block);
     size_t left = 0;
     for (size_t i = (16 + width - 1) / width; i < kLength; ++i)

@@ -16,8 +16,7 @@ long long get_cpu_time() {
         wxLogError(wxS("getrusage() error %d."), result);
         return 0;
     }
-    const long long seconds =
-        static_cast<long long>(usage.ru_utime.tv_sec) + usage.ru_stime.tv_sec;
+    const long long seconds = static_cast<long long>(usage.ru_utime.tv_sec) + usage.ru_stime.tv_sec;
     const long long micros =
         static_cast<long long>(usage.ru_utime.tv_usec) + usage.ru_stime.tv_usec;
     return seconds * 1000 + micros / 1000;
