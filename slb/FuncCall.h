@@ -42,6 +42,11 @@ class SLB_EXPORT FuncCall : public Object {
     static FuncCall* create(R (C::*method)(A...));
     template <class C, class R, class... A>
     static FuncCall* create(R (C::*method)(A...) const);
+    // A method given as a function of the object (C const for a const
+    // method), checked and called as a method: for a native operation that
+    // doesn't bind as it stands (a defaulted parameter, an overload).
+    template <class C, class R, class... A>
+    static FuncCall* createMethod(R (*function)(C*, A...));
     // Constructs a T from the arguments, in memory from SLB::Malloc.
     template <class T, class... A>
     static FuncCall* defaultClassConstructor();

@@ -70,7 +70,8 @@ class FC_Function final : public FuncCall {
     Function function_;
 };
 
-// Methods and const methods; Self is C or const C.
+// Methods and const methods; Self is C or const C. Method is a pointer to a
+// member, or a function taking Self* first.
 template <class Self, class Method, class R, class... A>
 class FC_AnyMethod final : public FuncCall {
   public:
@@ -156,6 +157,11 @@ FuncCall* FuncCall::create(R (C::*method)(A...)) {
 template <class C, class R, class... A>
 FuncCall* FuncCall::create(R (C::*method)(A...) const) {
     return new Private::FC_AnyMethod<const C, R (C::*)(A...) const, R, A...>(method);
+}
+
+template <class C, class R, class... A>
+FuncCall* FuncCall::createMethod(R (*function)(C*, A...)) {
+    return new Private::FC_AnyMethod<C, R (*)(C*, A...), R, A...>(function);
 }
 
 template <class T, class... A>

@@ -53,6 +53,14 @@ TEST_F(CallRulesTest, ConstPointerResultRefusesNonConstMethods) {
     EXPECT_EQ(run("assert(SLB.isSquare(SLB.geo.Square.unitConst()) == false)"), "");
 }
 
+TEST_F(CallRulesTest, MethodsWrittenAsFunctionsFollowTheMethodRules) {
+    EXPECT_EQ(run("local s = SLB.geo.Square(3); s:shrink(); assert(s:twice() == 4)"), "");
+    EXPECT_EQ(run("SLB.geo.Shape.twice(nil)"), "test:1: Invalid object for this method");
+    EXPECT_EQ(run("SLB.geo.Shape(1):twice(1)"),
+              "test:1: Error number of arguments (given 1 -> expected 0)");
+    EXPECT_EQ(run("SLB.geo.Square.unitConst():shrink()"), "test:1: Invalid object for this method");
+}
+
 TEST_F(CallRulesTest, UnknownClassIsReportedEvenForNil) {
     EXPECT_EQ(run("SLB.orphanValue(nil)"), "test:1: Unknown class slbtest::Orphan");
 }

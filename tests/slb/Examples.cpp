@@ -53,6 +53,8 @@ void registerClasses(SLB::Manager* m) {
         .set("kind", &Shape::kind)
         .set("side", &Shape::side)
         .set("grow", &Shape::grow)
+        .set("twice", FuncCall::createMethod(+[](const Shape* shape) { return 2 * shape->side(); }))
+        .set("shrink", FuncCall::createMethod(+[](Shape* shape) { shape->grow(-1); }))
         .set("add", &Shape::add)
         .rawSet("LIMITS::MAX", new CopyValue<int>(100));
     Class<Square>("geo::Square", m)
