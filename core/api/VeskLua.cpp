@@ -3,6 +3,8 @@
 #include <wx/thread.h>
 
 #include "core/api/AppLua.h"
+#include "core/api/LuaStreamLua.h"
+#include "core/api/WxLua.h"
 #include "slb/Manager.h"
 
 bool VeskLua_Init() {
@@ -15,9 +17,11 @@ bool VeskLua_Init() {
     b_InitDone = true;
     SLB::Manager* const manager = SLB::Manager::defaultManager();
     // Own names first (credentials and files join the application's), then
-    // the modules, in this order, as they are built: HmdLua_Init,
-    // HttpLua_Init, LuaStream_Init, NetLua_Init, OpenSslLua_Init, WxLua_Init.
+    // the modules in this order; HmdLua_Init, HttpLua_Init, NetLua_Init and
+    // OpenSslLua_Init take their places as they are built.
     VeskCore::AppLua_Init(manager);
+    VeskCore::LuaStream_Init(manager);
+    VeskCore::WxLua_Init(manager);
     return true;
 }
 

@@ -14,8 +14,11 @@
 
 #include "core/api/VeskLua.h"
 #include "core/host/PlatformString.h"
+#include "core/lua/CmdGetHostInfo.h"
+#include "core/lua/LuaChunkEnd.h"
 #include "core/runtime/LogTrace.h"
 #include "core/runtime/Version.h"
+#include "slb/ClassInfo.h"
 #include "slb/Manager.h"
 
 namespace VeskCore {
@@ -36,6 +39,78 @@ constexpr int kMaxSeedPolls = 100;
 const char* const logMethodName[] = {"wxLogFatalError", "wxLogError",  "wxLogWarning",
                                      "wxLogMessage",    "wxLogStatus", "wxLogInfo",
                                      "wxLogDebug",      "wxLogTrace"};
+
+// The native commands in the module table: function, Lua name.
+struct Command {
+    NativeCommand function;
+    const char* name;
+};
+const Command commands[] = {{&GetHostInfo, "GetHostInfo"}};
+
+template <class T>
+const SLB::ClassInfo* ClassOrRaise(lua_State* L) {
+    const SLB::Manager* manager = SLB::Manager::getInstance(L);
+    const SLB::ClassInfo* cls =
+        manager != nullptr ? manager->getClass(SLB::TypeID<T>::get()) : nullptr;
+    if (cls == nullptr)
+        luaL_error(L, "Unknown class %s", SLB::TypeID<T>::get().name());
+    return cls;
+}
+
+template <class T>
+T* StreamArgument(lua_State* L, int index, const char* expected) {
+    auto* stream = static_cast<T*>(ClassOrRaise<T>(L)->get_ptr(L, index));
+    if (stream == nullptr)
+        luaL_argerror(L, index, expected);
+    return stream;
+}
+
+struct CommandResult {
+    bool handled = false;
+    int status = 200;
+    std::string statusText;
+    wxInputStream* replacement = nullptr;
+};
+
+// Runs a command; a C++ exception comes back as an exception_ptr, so that it
+// is raised in Lua only after every C++ object here has gone.
+std::exception_ptr RunCommand(NativeCommand command, const char* request, size_t length,
+                              wxInputStream& in, wxOutputStream& out, CommandResult& result) {
+    try {
+        wxString statusText(wxS("OK"));
+        result.handled = command(wxString::FromUTF8(request, length), in, result.status, statusText,
+                                 out, result.replacement);
+        result.statusText = statusText.utf8_string();
+        return nullptr;
+    } catch (...) {
+        return std::current_exception();
+    }
+}
+
+// lua_CFunction: command(request, inputStream, outputStream) -> handled,
+// status, status text, replacement stream or nil. Upvalue 1: the command.
+int CommandBinding(lua_State* L) {
+    if (!lua_islightuserdata(L, lua_upvalueindex(1)))
+        return luaL_error(L, "upvalue 1 is not lightuserdata");
+    const auto command = reinterpret_cast<NativeCommand>(lua_touserdata(L, lua_upvalueindex(1)));
+    size_t length = 0;
+    const char* request = luaL_checklstring(L, 1, &length);
+    auto* in = StreamArgument<wxInputStream>(L, 2, "wxInputStream expected");
+    auto* out = StreamArgument<wxOutputStream>(L, 3, "wxOutputStream expected");
+    CommandResult result;
+    if (std::exception_ptr failure = RunCommand(command, request, length, *in, *out, result)) {
+        CLuaChunkEnd::PushNativeException(L, std::move(failure));
+        return lua_error(L);
+    }
+    lua_pushboolean(L, result.handled ? 1 : 0);
+    lua_pushinteger(L, result.status);
+    lua_pushlstring(L, result.statusText.data(), result.statusText.size());
+    if (result.replacement != nullptr)
+        ClassOrRaise<wxInputStream>(L)->push_ptr(L, result.replacement);
+    else
+        lua_pushnil(L);
+    return 4;
+}
 
 void InitOpenSSL() {
     OPENSSL_add_all_algorithms_noconf();
@@ -164,6 +239,11 @@ int luaopen_vesk_core(lua_State* L) {
         lua_pushinteger(L, level);
         lua_pushcclosure(L, wxLogLua, 1);
         lua_setfield(L, -2, logMethodName[level]);
+    }
+    for (const Command& command : commands) {
+        lua_pushlightuserdata(L, reinterpret_cast<void*>(command.function));
+        lua_pushcclosure(L, CommandBinding, 1);
+        lua_setfield(L, -2, command.name);
     }
     PushVersionFields(L);
     return 1;

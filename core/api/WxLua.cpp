@@ -1,0 +1,196 @@
+#include "core/api/WxLua.h"
+
+#include <wx/filefn.h>
+#include <wx/log.h>
+#include <wx/mstream.h>
+#include <wx/thread.h>
+#include <wx/wfstream.h>
+
+#include <algorithm>
+#include <lua.hpp>
+
+#include "core/api/MyMemoryOutputStream.h"
+#include "slb/Class.h"
+#include "slb/ClassInfo.h"
+#include "slb/CopyValue.h"
+#include "slb/FuncCall.h"
+#include "slb/Manager.h"
+
+namespace VeskCore {
+namespace {
+
+using SLB::FuncCall;
+using NoCopy = SLB::Instance::NoCopy;
+
+// The class of T in L's registry; raises the binder's error when T has none.
+template <class T>
+const SLB::ClassInfo* ClassOrRaise(lua_State* L) {
+    const SLB::Manager* manager = SLB::Manager::getInstance(L);
+    const SLB::ClassInfo* cls =
+        manager != nullptr ? manager->getClass(SLB::TypeID<T>::get()) : nullptr;
+    if (cls == nullptr)
+        luaL_error(L, "Unknown class %s", SLB::TypeID<T>::get().name());
+    return cls;
+}
+
+template <class T>
+T* SelfOrRaise(lua_State* L, const SLB::ClassInfo* cls) {
+    auto* self = static_cast<T*>(cls->get_ptr(L, 1));
+    if (self == nullptr)
+        luaL_error(L, "Invalid object for this method");
+    return self;
+}
+
+void RegisterFunctions(SLB::Manager* m) {
+    m->set("wx::FromCurrent", new SLB::CopyValue<wxSeekMode>(wxFromCurrent));
+    m->set("wx::FromEnd", new SLB::CopyValue<wxSeekMode>(wxFromEnd));
+    m->set("wx::FromStart", new SLB::CopyValue<wxSeekMode>(wxFromStart));
+    m->set("wx::RemoveFile", FuncCall::create(&wxRemoveFile));
+    m->set("wx::RenameFile", FuncCall::create(&wxRenameFile));
+    m->set("wx::SysErrorCode", FuncCall::create(&wxSysErrorCode));
+    m->set("wx::SysErrorMsg", FuncCall::create(&wxMySysErrorMsg));
+}
+
+void RegisterStreamBases(SLB::Manager* m) {
+    SLB::Class<wxStreamBase, NoCopy>("wx::StreamBase", m)
+        .comment("Class wrapper for wxStreamBase")
+        .set("GetLastError", &wxStreamBase::GetLastError)
+        .set("IsOk", &wxStreamBase::IsOk)
+        // wx 3.2 gave Reset an error to reset to; scripts reset to none.
+        .set("Reset", FuncCall::createMethod(+[](wxStreamBase* stream) { stream->Reset(); }))
+        .set("GetSize", &wxStreamBase::GetSize)
+        .set("GetLength", &wxStreamBase::GetLength)
+        .set("IsSeekable", &wxStreamBase::IsSeekable);
+    SLB::Class<wxInputStream, NoCopy>("wx::InputStream", m)
+        .comment("Class wrapper for wxInputStream")
+        .inherits<wxStreamBase>()
+        .set("Peek", &wxInputStream::Peek)
+        .set("GetC", &wxInputStream::GetC)
+        .set("LastRead", &wxInputStream::LastRead)
+        .set("CanRead", &wxInputStream::CanRead)
+        .set("Eof", &wxInputStream::Eof)
+        .set("Ungetch", static_cast<bool (wxInputStream::*)(char)>(&wxInputStream::Ungetch))
+        .set("SeekI", &wxInputStream::SeekI)
+        .set("TellI", &wxInputStream::TellI)
+        .set("Read", &wxInputStream_Read);
+    SLB::Class<wxMemoryInputStream, NoCopy>("wx::MemoryInputStream", m)
+        .comment("Class wrapper for wxMemoryInputStream")
+        .inherits<wxStreamBase>()
+        .inherits<wxInputStream>()
+        .constructor<const wxMemoryOutputStream&>();
+    SLB::Class<wxOutputStream, NoCopy>("wx::OutputStream", m)
+        .comment("Class wrapper for wxOutputStream")
+        .inherits<wxStreamBase>()
+        .set("PutC", &wxOutputStream::PutC)
+        .set("SeekO", &wxOutputStream::SeekO)
+        .set("TellO", &wxOutputStream::TellO)
+        .set("LastWrite", &wxOutputStream::LastWrite)
+        .set("Sync", &wxOutputStream::Sync)
+        .set("Close", &wxOutputStream::Close)
+        .set("Write", &wxOutputStream_Write);
+}
+
+void RegisterStreams(SLB::Manager* m) {
+    // Only for the constructor of wx::MemoryInputStream to ask for: scripts
+    // make wx::MemoryOutputStream.
+    SLB::Class<wxMemoryOutputStream, NoCopy>("wx::_MemoryOutputStream_", m)
+        .inherits<wxStreamBase>()
+        .inherits<wxOutputStream>();
+    SLB::Class<wxFileInputStream, NoCopy>("wx::FileInputStream", m)
+        .comment("Class wrapper for wxFileInputStream")
+        .inherits<wxStreamBase>()
+        .inherits<wxInputStream>()
+        .constructor<const wxString&>();
+    SLB::Class<wxFileOutputStream, NoCopy>("wx::FileOutputStream", m)
+        .comment("Class wrapper for wxFileOutputStream")
+        .inherits<wxStreamBase>()
+        .inherits<wxOutputStream>()
+        .constructor<const wxString&>();
+    SLB::Class<wxMyMemoryOutputStream, NoCopy>("wx::MemoryOutputStream", m)
+        .comment("Class wrapper for wxMemoryOutputStream")
+        .inherits<wxStreamBase>()
+        .inherits<wxOutputStream>()
+        .inherits<wxMemoryOutputStream>()
+        .constructor<>();
+}
+
+void RegisterThread(SLB::Manager* m) {
+    SLB::Class<wxThread, NoCopy>("wxThread", m)
+        .comment("wxThread class wrapper")
+        .set("GetCPUCount", &wxThread::GetCPUCount)
+        .set("GetCurrentId", &wxThread::GetCurrentId)
+        .set("GetId", &wxThread::GetId)
+        .set("GetPriority", &wxThread::GetPriority)
+        .set("IsPaused", &wxThread::IsPaused)
+        .set("Kill", &wxThread::Kill)
+        .set("Pause", &wxThread::Pause)
+        .set("Resume", &wxThread::Resume)
+        .set("Sleep", &wxThread::Sleep)
+        .set("This", &wxThread::This);
+}
+
+}  // namespace
+
+void WxLua_Init(SLB::Manager* manager) {
+    RegisterFunctions(manager);
+    RegisterStreamBases(manager);
+    RegisterStreams(manager);
+    RegisterThread(manager);
+}
+
+int wxInputStream_Read(lua_State* L) {
+    const SLB::ClassInfo* cls = ClassOrRaise<wxInputStream>(L);
+    wxInputStream* self = SelfOrRaise<wxInputStream>(L, cls);
+    if (lua_gettop(L) < 2)
+        return luaL_argerror(L, 2, "Integer value or wxOutputStream object expected");
+    if (lua_isnumber(L, 2)) {
+        const lua_Integer count = std::max<lua_Integer>(lua_tointegerx(L, 2, nullptr), 0);
+        luaL_Buffer bytes;
+        char* into = luaL_buffinitsize(L, &bytes, static_cast<size_t>(count));
+        self->Read(into, static_cast<size_t>(count));
+        luaL_pushresultsize(&bytes, self->LastRead());
+        if (!self->IsOk())
+            lua_pushnil(L);  // what the failed read got is not handed on
+        return 1;
+    }
+    const SLB::ClassInfo* outputClass = ClassOrRaise<wxOutputStream>(L);
+    auto* output = static_cast<wxOutputStream*>(outputClass->get_ptr(L, 2));
+    if (output == nullptr)
+        return luaL_argerror(L, 2, "Integer value or wxOutputStream object expected");
+    self->Read(*output);
+    cls->push_ptr(L, self);
+    return 1;
+}
+
+int wxOutputStream_Write(lua_State* L) {
+    const SLB::ClassInfo* cls = ClassOrRaise<wxOutputStream>(L);
+    wxOutputStream* self = SelfOrRaise<wxOutputStream>(L, cls);
+    if (lua_gettop(L) < 2)
+        return luaL_argerror(L, 2, "String or wxInputStream object expected");
+    if (lua_isstring(L, 2)) {
+        size_t length = 0;
+        const char* bytes = lua_tolstring(L, 2, &length);
+        self->Write(bytes, length);
+        if (!self->IsOk())
+            return lua_pushnil(L), 1;
+        cls->push_ptr(L, self);
+        return 1;
+    }
+    const SLB::ClassInfo* inputClass = ClassOrRaise<wxInputStream>(L);
+    auto* input = static_cast<wxInputStream*>(inputClass->get_ptr(L, 2));
+    if (input == nullptr)
+        return luaL_argerror(L, 2, "String or wxInputStream object expected");
+    self->Write(*input);
+    cls->push_ptr(L, self);
+    return 1;
+}
+
+int wxMySysErrorMsg(lua_State* L) {
+    const auto code = static_cast<unsigned long>(lua_tointegerx(L, 1, nullptr));
+    const wxChar* text = wxSysErrorMsg(code);
+    const std::string utf8 = text != nullptr ? wxString(text).utf8_string() : std::string();
+    lua_pushstring(L, utf8.c_str());
+    return 1;
+}
+
+}  // namespace VeskCore

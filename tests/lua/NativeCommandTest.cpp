@@ -1,0 +1,77 @@
+#include <gtest/gtest.h>
+#include <wx/mstream.h>
+#include <wx/sstream.h>
+
+#include <string>
+
+#include "core/lua/CmdGetHostInfo.h"
+#include "core/lua/LuaInterpreter.h"
+#include "core/runtime/vesk_core.h"
+#include "tests/support/CapturingLog.h"
+
+using namespace VeskCore;
+
+namespace {
+
+int s_Lookups = 0;
+bool s_HostKnown = true;
+
+bool CountingLookup(wxString& name) {
+    ++s_Lookups;
+    if (s_HostKnown)
+        name = wxS("host.example");
+    return s_HostKnown;
+}
+
+std::string CallGetHostInfo() {
+    wxStringInputStream request(wxString{});
+    wxMemoryOutputStream body;
+    int status = 200;
+    wxString text(wxS("OK"));
+    wxInputStream* replacement = nullptr;
+    EXPECT_TRUE(GetHostInfo(wxS("/"), request, status, text, body, replacement));
+    EXPECT_TRUE(status == 200 && text == wxS("OK") && replacement == nullptr);
+    std::string bytes(body.GetSize(), '\0');
+    body.CopyTo(&bytes[0], bytes.size());
+    return bytes;
+}
+
+// One lookup serves eleven calls; a host whose name can't be had is asked
+// again at the next call and answers with an empty body.
+TEST(NativeCommand, GetHostInfoLooksTheNameUpOncePerElevenCalls) {
+    const HostNameLookup previous = SetHostNameLookup(&CountingLookup);
+    s_HostKnown = false;
+    EXPECT_EQ(CallGetHostInfo(), "");
+    EXPECT_EQ(CallGetHostInfo(), "");
+    EXPECT_EQ(s_Lookups, 2);
+    s_HostKnown = true;
+    s_Lookups = 0;
+    for (int call = 1; call <= 11; ++call)
+        ASSERT_EQ(CallGetHostInfo(), "Hostname: host.example\r\n") << call;
+    EXPECT_EQ(s_Lookups, 1);
+    CallGetHostInfo();
+    EXPECT_EQ(s_Lookups, 2);
+    SetHostNameLookup(previous);
+}
+
+// A read callback that raises ends the chunk, and its text reaches the caller
+// of RunScript as a C string, as it reaches a thread's last stop.
+TEST(LuaStreams, FailingReadCallbackThrowsItsTextOutOfTheChunk) {
+    ASSERT_EQ(VeskCore_Init(), 1);
+    VeskTest::CapturingLog log;
+    CLuaInterpreter lua(false, nullptr, true);
+    const wxString chunk =
+        wxS("local s = SLB.LuaStringInputStream('unread')\n"
+            "s:SetFn(function() error('no data today') end)\n"
+            "pcall(s.Read, s, 4) reached = true");
+    try {
+        lua.RunScript(chunk, 0, 0, wxS("test"), nullptr);
+        FAIL() << "the chunk ended normally";
+    } catch (const char* text) {
+        EXPECT_NE(std::string(text).find("no data today\nstack traceback:"), std::string::npos)
+            << text;
+    }
+    EXPECT_EQ(lua.RunScript(wxS("assert(reached == nil)"), 0, 0, wxS("test"), nullptr), 0);
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+-- Streams, Lua-backed streams, the native command and wxThread, as scripts
+-- use them; bytes pass unchanged, NULs and all.
+local vesk = require "vesk_core"
+local wx = SLB.wx
+local dir = os.tmpname()
+os.remove(dir)
+os.execute("mkdir " .. dir)
+
+local function fails(pattern, f, ...)
+  local ok, err = pcall(f, ...)
+  assert(not ok and tostring(err):find(pattern), tostring(err))
+end
+
+local function contents(memory)  -- what a memory output stream holds
+  local input = wx.MemoryInputStream(memory)
+  return input:GetLength() == 0 and "" or input:Read(input:GetLength())
+end
+
+-- Memory -> file -> memory, by both forms of Read and Write.
+local bytes = "first\0second\255"
+local memory = wx.MemoryOutputStream()
+assert(memory:Write(bytes) and memory:Write(12):TellO() == #bytes + 2)
+local file = wx.FileOutputStream(dir .. "/copy")
+assert(file:Write(wx.MemoryInputStream(memory)) and file:Close())
+local input = wx.FileInputStream(dir .. "/copy")
+assert(input:IsOk() and input:IsSeekable() and input:GetLength() == #bytes + 2)
+assert(input:Peek() == string.byte("f") and input:GetC() == string.byte("f"))
+assert(input:Ungetch(string.byte("F")) and input:Read(5) == "First" and input:LastRead() == 5)
+assert(input:TellI() == 5 and input:Read(0) == "" and input:Read("3") == "\0se")
+local rest = wx.MemoryOutputStream()
+assert(input:Read(rest) and contents(rest) == "cond\25512")
+assert(input:Read(1) == nil and not input:IsOk() and input:Eof())
+input:Reset()
+assert(input:IsOk() and type(input:CanRead()) == "boolean")
+
+-- Errors of the two script-friendly members and of the constructors.
+fails("Integer value or wxOutputStream object expected", input.Read, input)
+fails("Integer value or wxOutputStream object expected", input.Read, input, "abc")
+fails("String or wxInputStream object expected", memory.Write, memory, {})
+fails("Invalid object for this method", input.Read, memory, 1)
+fails("Invalid object for this method", wx.StreamBase.IsOk, nil)
+fails("Error number of arguments %(given 1 %-> expected 0%)", wx.SysErrorCode, 1)
+fails("Can not get a reference of class", wx.MemoryInputStream, nil)
+fails("Can not get a reference of class", wx.MemoryInputStream, wx.FileOutputStream(dir .. "/x"))
+assert(not wx.FileInputStream(dir .. "/missing"):IsOk())
+-- Seek modes are objects of a class nobody registered.
+fails("Unknown class wxSeekMode", function() return wx.FromStart end)
+fails("Unknown class", input.GetLastError, input)
+
+-- Files and system errors.
+assert(wx.RenameFile(dir .. "/copy", dir .. "/moved", true) and wx.RemoveFile(dir .. "/moved"))
+assert(not wx.RemoveFile(dir .. "/moved") and wx.SysErrorMsg(2) == "No such file or directory")
+assert(type(wx.SysErrorCode()) == "number" and type(wx.SysErrorMsg()) == "string")
+
+-- Lua-backed streams: over a string, gathering, and with a function attached.
+local text = SLB.LuaStringInputStream("caf\195\169 au lait")
+assert(text:GetLength() == 13 and text:Read(5) == "caf\195\169")
+assert(text:TellI() == 5 and text:IsSeekable())
+local gathered = SLB.LuaStringOutputStream()
+assert(gathered:Write("one ") and gathered:Write(SLB.LuaStringInputStream("two")))
+assert(gathered:GetString() == "one two")
+local seen = {}
+gathered:SetFn(function(chunk) seen[#seen + 1] = chunk return #chunk end)
+gathered:Write("three")
+assert(seen[1] == "three" and gathered:GetString() == "one two")
+-- The count is read from slot 1 of the calling frame, here the stream itself.
+assert(gathered:LastWrite() == 0)
+local asked
+text:SetFn(function(size) asked = size return 0 end)
+assert(text:GetLength() == -1 and text:Read(4) == nil and asked >= 4)
+fails("Function expected", gathered.SetFn, gathered, 1)
+fails("Invalid object for this method", gathered.SetFn, memory, print)
+
+-- The native command, fed from Lua streams.
+local body = wx.MemoryOutputStream()
+local handled, status, statusText, replacement =
+  vesk.GetHostInfo("/info", SLB.LuaStringInputStream(""), body)
+assert(handled == true and status == 200 and statusText == "OK" and replacement == nil)
+assert(contents(body):match("^Hostname: [^\r\n]+\r\n$"), contents(body))
+fails("wxInputStream expected", vesk.GetHostInfo, "/", nil, body)
+fails("wxOutputStream expected", vesk.GetHostInfo, "/", SLB.LuaStringInputStream(""), {})
+
+-- wxThread: statics work anywhere; this thread is no wx thread.
+assert(SLB.wxThread.GetCPUCount() >= 1 and SLB.wxThread.GetCurrentId() > 0)
+assert(SLB.wxThread.This() == nil)
+SLB.wxThread.Sleep(1)
+os.execute("rm -rf " .. dir)
+print("streams_test passed")
