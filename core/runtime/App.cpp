@@ -48,18 +48,29 @@ CApp::CApp(AppPrivateData* data, BorrowTag) : borrowed(true) {
 }
 
 CApp::CApp(const CApp& other) : wxObject() {
-    wxMutexLocker lock(s_RefGuard);
-    Ref(other);
+    Share(other);
 }
 
 CApp& CApp::operator=(const CApp& other) {
     if (&other != this && other.m_refData != m_refData) {
         Release();
-        wxMutexLocker lock(s_RefGuard);
-        Ref(other);
-        borrowed = false;
+        Share(other);
     }
     return *this;
+}
+
+// A copy of a borrowed handle is borrowed too: what a service copies of the
+// handle it runs with (its global `app`) never counts, so it can neither keep
+// the application alive nor bring a dying one back, and the last release
+// never happens on a service thread.
+void CApp::Share(const CApp& other) {
+    borrowed = other.borrowed;
+    if (borrowed) {
+        m_refData = other.m_refData;
+        return;
+    }
+    wxMutexLocker lock(s_RefGuard);
+    Ref(other);
 }
 
 CApp::~CApp() {

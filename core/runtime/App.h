@@ -12,8 +12,9 @@
 // "app.lua.zippath", from which threads derive their package paths.
 //
 // Lifecycle: InitiateShutdown, then Shutdown, then drop the host's handle.
-// A service thread holds a handle of its own; dropping the last one on a
-// service thread would wait for that very thread.
+// Services run with a handle that the application keeps of itself, which
+// counts for nothing (nor do copies of it); dropping the last counted handle
+// while services run stops them and waits for them.
 //
 // Thread safety: every member may be called from any thread. Settings and
 // configuration share one lock, services and the thread registry one each
@@ -100,6 +101,7 @@ class VESK_EXPORT CApp : public wxObject {
     CApp(AppPrivateData* data, BorrowTag);
 
     AppPrivateData* Data() const;
+    void Share(const CApp& other);
     void Release();
 
     bool borrowed = false;

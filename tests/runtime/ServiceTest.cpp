@@ -100,6 +100,20 @@ TEST_F(Services, ShutdownAsksEveryServiceToEndAndCollectsThem) {
     EXPECT_TRUE(threads.empty());
 }
 
+// The last handle goes while a service starts: the application stops it and
+// waits, and what the service copies of its handle keeps nothing alive.
+TEST_F(Services, DroppingTheLastHandleStopsAndCollectsItsServices) {
+    VeskTest::WriteFile(dir / "marks.lua", SERVICE("while not app:ShouldExit(1000) do end "
+                                                   "io.open(app:Get('mark') .. n, 'w'):close()"));
+    {
+        CApp other;
+        other.Set("app.lua.path", dir / "?.lua");
+        other.Set("mark", dir / "ended-");
+        ASSERT_TRUE(other.ServiceStart(wxS("marks")));
+    }
+    EXPECT_EQ(VeskTest::ScratchDir::Shell("test -f " + dir / "ended-marks"), 0);
+}
+
 TEST_F(Services, RegistryMapsHandlesBackToThreads) {
     CLuaThread first(wxString(), "first", nullptr), second(wxString(), "second", nullptr);
     const wxUint32 a = app.ThreadRegister(&first), b = app.ThreadRegister(&second);
