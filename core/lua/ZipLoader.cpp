@@ -22,6 +22,15 @@ namespace {
 
 constexpr size_t kBlock = 16384;
 
+// What loading needs of an entry, as plain values: the index is shared by
+// threads, and wx's entries share counted parts that are not thread-safe.
+struct IndexedEntry {
+    wxString name;            // in the native form
+    wxFileOffset offset = 0;  // of the local header
+    wxFileOffset compressedSize = 0;
+    int method = 0;
+};
+
 // One entry's bytes straight from the archive file: its local header at the
 // entry's offset, then the data, stored or deflated (inflated on the way).
 // Reading through wx's streams costs a dozen seeks and stats per entry.
@@ -36,18 +45,17 @@ class EntryReader {
     }
 
     // False when the entry is of another kind, or its header doesn't check out.
-    bool Open(int descriptor, const wxZipEntry& entry) {
-        const int method = entry.GetMethod();
-        if (method != wxZIP_METHOD_STORE && method != wxZIP_METHOD_DEFLATE)
+    bool Open(int descriptor, const IndexedEntry& entry) {
+        if (entry.method != wxZIP_METHOD_STORE && entry.method != wxZIP_METHOD_DEFLATE)
             return false;
         unsigned char header[30];
-        if (pread(descriptor, header, sizeof header, entry.GetOffset()) != sizeof header ||
+        if (pread(descriptor, header, sizeof header, entry.offset) != sizeof header ||
             Little(header, 4) != 0x04034b50u)
             return false;
         fd = descriptor;
-        next = entry.GetOffset() + sizeof header + Little(header + 26, 2) + Little(header + 28, 2);
-        end = next + entry.GetCompressedSize();
-        if (method == wxZIP_METHOD_DEFLATE) {
+        next = entry.offset + sizeof header + Little(header + 26, 2) + Little(header + 28, 2);
+        end = next + entry.compressedSize;
+        if (entry.method == wxZIP_METHOD_DEFLATE) {
             if (inflateInit2(&zip, -MAX_WBITS) != Z_OK)
                 return false;
             inflating = true;
@@ -162,7 +170,7 @@ class ArchiveIndex {
     static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, wxFFileInputStream& file);
 
     // The entry that comes first of the two names, or null.
-    const wxZipEntry* FirstOf(const wxString& a, const wxString& b) const {
+    const IndexedEntry* FirstOf(const wxString& a, const wxString& b) const {
         const auto foundA = positions.find(a);
         const auto foundB = positions.find(b);
         size_t best = entries.size();
@@ -170,13 +178,13 @@ class ArchiveIndex {
             best = foundA->second;
         if (foundB != positions.end() && foundB->second < best)
             best = foundB->second;
-        return best < entries.size() ? entries[best].get() : nullptr;
+        return best < entries.size() ? &entries[best] : nullptr;
     }
 
   private:
     struct stat identity {};
     std::unordered_map<wxString, size_t, wxStringHash, wxStringEqual> positions;
-    std::vector<std::unique_ptr<wxZipEntry>> entries;
+    std::vector<IndexedEntry> entries;
 
     bool Describes(const struct stat& file) const {
         return identity.st_dev == file.st_dev && identity.st_ino == file.st_ino &&
@@ -191,8 +199,10 @@ class ArchiveIndex {
              entry.reset(zip.GetNextEntry())) {
             if (entry->IsDir())
                 continue;
-            if (positions.emplace(entry->GetName(wxPATH_NATIVE), entries.size()).second)
-                entries.push_back(std::move(entry));
+            const wxString name = entry->GetName(wxPATH_NATIVE);
+            if (positions.emplace(name, entries.size()).second)
+                entries.push_back(
+                    {name, entry->GetOffset(), entry->GetCompressedSize(), entry->GetMethod()});
         }
     }
 };
@@ -221,18 +231,21 @@ std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path,
 }
 
 // An entry the direct reader doesn't take (another method, data in front of
-// the archive): wx's zip stream opens it. False when it won't open any more.
+// the archive): wx's zip stream walks to it. False when it is gone.
 // lua_load runs protected: it returns a status and never raises.
-bool LoadThroughWx(lua_State* L, wxFFileInputStream& file, const wxZipEntry& found,
+bool LoadThroughWx(lua_State* L, wxFFileInputStream& file, const wxString& name,
                    const std::string& chunkName, StreamReaderState& reader, Search& search) {
     file.SeekI(0);
     wxZipInputStream zip(file, wxConvUTF8);
-    wxZipEntry entry(found);
-    if (!zip.OpenEntry(entry))
-        return false;
-    reader.stream = &zip;
-    search.loadStatus = lua_load(L, StreamReader, &reader, chunkName.c_str(), nullptr);
-    return true;
+    for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry;
+         entry.reset(zip.GetNextEntry())) {
+        if (entry->IsDir() || entry->GetName(wxPATH_NATIVE) != name)
+            continue;
+        reader.stream = &zip;
+        search.loadStatus = lua_load(L, StreamReader, &reader, chunkName.c_str(), nullptr);
+        return true;
+    }
+    return false;
 }
 
 // Looks for the module in one archive; on a match, lua_load pushes (+1) the
@@ -251,18 +264,18 @@ void SearchArchive(lua_State* L, const wxString& archive, const EntryNames& name
         return;
     }
     const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, file);
-    const wxZipEntry* found = index ? index->FirstOf(names.file, names.init) : nullptr;
+    const IndexedEntry* found = index ? index->FirstOf(names.file, names.init) : nullptr;
     if (found == nullptr) {
         AddFailure(search, NotInArchive(names, archive));
         return;
     }
-    const std::string chunkName = (archive + wxS(":") + found->GetName()).utf8_string();
+    const std::string chunkName = (archive + wxS(":") + found->name).utf8_string();
     auto reader = std::make_unique<StreamReaderState>();
     EntryReader direct;
     if (direct.Open(fileno(file.GetFile()->fp()), *found)) {
         reader->entry = &direct;
         search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
-    } else if (!LoadThroughWx(L, file, *found, chunkName, *reader, search)) {
+    } else if (!LoadThroughWx(L, file, found->name, chunkName, *reader, search)) {
         AddFailure(search, NotInArchive(names, archive));
         return;
     }
@@ -284,13 +297,19 @@ void SearchArchives(lua_State* L, const char* module, const char* list, Search& 
 int ZipLoader(lua_State* L) {
     const char* module = luaL_checklstring(L, 1, nullptr);
     const char* list = luaL_checklstring(L, lua_upvalueindex(1), nullptr);
-    Search search;
-    SearchArchives(L, module, list, search);
-    if (search.loaded)
-        return 1;
-    if (search.loadStatus != LUA_OK)
+    bool raise = false;
+    {
+        Search search;
+        SearchArchives(L, module, list, search);
+        if (search.loaded)
+            return 1;
+        raise = search.loadStatus != LUA_OK;
+        if (!raise)
+            lua_pushlstring(L, search.failures.data(), search.failures.size());
+    }
+    // Raised once the search and its text are gone: lua_error never returns.
+    if (raise)
         return lua_error(L);  // the message of the last broken module, on top
-    lua_pushlstring(L, search.failures.data(), search.failures.size());
     return 1;
 }
 
