@@ -162,6 +162,9 @@ int main(int argc, char** argv) {
         const sigset_t signals = StopSignals();
         pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     }
+    // Library threads take SIGPIPE; a peer or a reader of the log that has
+    // gone must give a failed write, not end the agent.
+    signal(SIGPIPE, SIG_IGN);
 
     CStderrLog log(getenv("JOURNAL_STREAM") != nullptr);
     wxLog::SetActiveTarget(&log);

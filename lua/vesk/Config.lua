@@ -95,6 +95,8 @@ function Config:save()
     os.remove(temporary)
     return false, "cannot write " .. temporary
   end
+  -- The configuration holds secrets: 0600 whatever the host's umask.
+  vesk.file.SecureFileOrDirectory(temporary, false)
   if not vesk.ReplaceFile(temporary, self.path) then
     os.remove(temporary)
     return false, "cannot replace " .. self.path

@@ -70,4 +70,21 @@ worker:requestExit()
 worker:join()
 assert(not worker:isRunning())
 fails("Error number of arguments %(given 2 %-> expected 3%)", SLB.LuaThread, "", "w")
+
+-- The bundled configuration module keeps its file private whatever the
+-- umask, and reads back what it stored.
+local bin = package.path:match(";([^;]*)/lua/%?%.lua")
+local state = os.tmpname()
+os.remove(state)
+os.execute("umask 022; mkdir " .. state)
+local config = SLB.App()
+config:Set("app.path.bin", bin)
+config:Set("agent.state.dir", state)
+assert(config:ConfigGet("k") == "")  -- nothing loads the module but a write
+assert(config:ConfigSet('<Config><Item name="k">v &amp; w</Item></Config>'))
+assert(config:ConfigGet("k") == "v & w" and config:ConfigGetXml("k") == '<Item name="k">v &amp; w</Item>')
+assert(io.popen("stat -c %a " .. state .. "/config.xml"):read("*l") == "600")
+assert(not config:ConfigSet("<Other/>") and config:ConfigSet(""))
+assert(config:ConfigGet("k") == "")
+os.execute("rm -rf " .. state)
 print("app_test passed")
