@@ -114,7 +114,11 @@ std::string FromBase64(const char* text) {
     }
     // The filter reads either form, but must be told which one it gets.
     const bool lines = std::strchr(text, '\n') != nullptr;
-    DecodeBase64Blocks(text, std::strlen(text), lines,
+    const size_t length = std::strlen(text);
+    // Room for all of it at once: no growing, and so no copy of decoded
+    // (perhaps secret) bytes left behind in a freed buffer.
+    out.reserve(length / 4 * 3 + 3);
+    DecodeBase64Blocks(text, length, lines,
                        [&out](const char* data, size_t size) { out.append(data, size); });
     return out;
 }

@@ -5,6 +5,7 @@
 #include <wx/thread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <lua.hpp>
@@ -71,10 +72,17 @@ bool MatchesWildcard(const SubjectChar* text, const wxChar* mask) {
     }
 }
 
-// An empty list is the common case in production and is tested first: it is
-// the cheapest of the three conditions.
+// Whether the mask list has entries, kept by the operations that switch it
+// (the only ones that do): an empty list is the common case in production,
+// and a disabled trace then costs one load, not a call into wx.
+std::atomic<bool> s_AnyMasks{false};
+
 bool NoMasks() {
-    return wxLog::GetTraceMasks().empty();
+    return !s_AnyMasks.load(std::memory_order_relaxed);
+}
+
+void NoteMasksChanged() {
+    s_AnyMasks.store(!wxLog::GetTraceMasks().empty(), std::memory_order_relaxed);
 }
 
 // The list is wx's and unguarded, as it always was: it is walked in place,
@@ -221,6 +229,7 @@ int wxLogLua(lua_State* L) {
 
 void TraceMasksSet(const std::string& list) {
     wxLog::ClearTraceMasks();
+    NoteMasksChanged();
     size_t start = 0;
     while (start <= list.size()) {
         size_t end = list.find(',', start);
@@ -230,14 +239,17 @@ void TraceMasksSet(const std::string& list) {
             wxLog::AddTraceMask(FromUtf8(list.substr(start, end - start)));
         start = end + 1;
     }
+    NoteMasksChanged();
 }
 
 void TraceMasksAdd(const std::string& mask) {
     wxLog::AddTraceMask(FromUtf8(mask));
+    NoteMasksChanged();
 }
 
 void TraceMasksRemove(const std::string& mask) {
     wxLog::RemoveTraceMask(FromUtf8(mask));
+    NoteMasksChanged();
 }
 
 std::string TraceMasksGet() {

@@ -3,7 +3,9 @@
 // A trace line is "[mask] text", emitted at the wx message level to whatever
 // log target the host installed. A mask is enabled when it matches, as a
 // wildcard subject, an entry of wx's trace mask list. The list is owned by wx
-// and unguarded: change it at start-up or from one thread at a time.
+// and unguarded: change it at start-up or from one thread at a time, and only
+// through TraceMasksSet/Add/Remove (or the app.trace settings), which keep
+// the disabled path cheap; wx's own AddTraceMask goes unseen until then.
 //
 // Thread safety: every function may be called from any thread. A line written
 // on a thread without a log target of its own goes straight to the host's
