@@ -14,6 +14,7 @@
 
 #include "core/api/VeskLua.h"
 #include "core/host/PlatformString.h"
+#include "core/http/OpenSslUtil.h"
 #include "core/lua/CmdGetHostInfo.h"
 #include "core/lua/LuaChunkEnd.h"
 #include "core/runtime/LogTrace.h"
@@ -116,6 +117,10 @@ void InitOpenSSL() {
     OPENSSL_add_all_algorithms_noconf();
     SSL_library_init();
     SSL_load_error_strings();
+    OpenSSLThreadSetup();
+    if (!SecureAllocatorInForce())
+        wxLogWarning(wxS("VeskCore_Init() - OpenSSL allocated memory before this library was "
+                         "loaded: memory it frees is not wiped"));
 }
 
 // An unseeded pool is not fatal here: whatever needs random bytes later
@@ -157,6 +162,7 @@ void FreeCompressionMethods() {
 }
 
 void TermOpenSSL() {
+    OpenSSLThreadShutdown();
     ERR_remove_state(0);
     CONF_modules_unload(1);
     ERR_free_strings();
