@@ -19,6 +19,14 @@ if(VESK_SANITIZE)
   add_compile_options(${_vesk_san} -Wno-maybe-uninitialized)
   add_link_options(${_vesk_san})
 endif()
+if(VESK_FUZZ)
+  # Everything is instrumented for coverage; only the fuzz targets link the
+  # fuzzer's main.
+  set(_vesk_fuzz -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+    -fno-omit-frame-pointer)
+  add_compile_options(${_vesk_fuzz})
+  add_link_options(-fsanitize=address,undefined)
+endif()
 if(VESK_TSAN)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -Wno-maybe-uninitialized)
   add_link_options(-fsanitize=thread)

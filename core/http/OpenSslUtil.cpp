@@ -64,7 +64,8 @@ void FreeCertificateList(STACK_OF(X509) * list) {
 using Bio = std::unique_ptr<BIO, Deleter<BIO, FreeBioChain>>;
 using Pkcs7 = std::unique_ptr<PKCS7, Deleter<PKCS7, PKCS7_free>>;
 using Store = std::unique_ptr<X509_STORE, Deleter<X509_STORE, X509_STORE_free>>;
-using CertificateList = std::unique_ptr<STACK_OF(X509), Deleter<STACK_OF(X509), FreeCertificateList>>;
+using CertificateList =
+    std::unique_ptr<STACK_OF(X509), Deleter<STACK_OF(X509), FreeCertificateList>>;
 
 enum class Outcome { Done, OpenSslFailure, SilentFailure };
 
@@ -132,7 +133,7 @@ Bio UncheckedContent(PKCS7* p7) {
     PKCS7* contents = p7->d.sign != nullptr ? p7->d.sign->contents : nullptr;
     const ASN1_OCTET_STRING* data =
         contents != nullptr && OBJ_obj2nid(contents->type) == NID_pkcs7_data ? contents->d.data
-                                                                            : nullptr;
+                                                                             : nullptr;
     if (data == nullptr || data->length <= 0)
         return Bio(BIO_new_mem_buf("", 0));
     return Bio(BIO_new_mem_buf(data->data, data->length));
@@ -222,19 +223,27 @@ void* Secure_Malloc(size_t size, const char*, int) {
     return start + kHeader;
 }
 
-void Secure_Free(void* block, const char*, int) {
-    if (block == nullptr)
-        return;
-    if (!HasMarker(block)) {
-        free(block);
-        return;
-    }
-    // From the header on, over the stored size: the last 8 bytes of data are
-    // left as they are, as this allocator always has.
+namespace {
+
+// Wipes and frees a block known to be ours: from the header on, over the
+// stored size, so that the last 8 bytes of data are left as they are, as this
+// allocator always has.
+void ReleaseOwn(void* block) {
     const uint32_t size = StoredSize(block);
     if (size != 0)
         OPENSSL_cleanse(HeaderOf(block), size);
     free(HeaderOf(block));
+}
+
+}  // namespace
+
+void Secure_Free(void* block, const char*, int) {
+    if (block == nullptr)
+        return;
+    if (HasMarker(block))
+        ReleaseOwn(block);
+    else
+        free(block);  // not ours: freed untouched
 }
 
 // Never grows in place: the old block is wiped on its free like any other.
@@ -247,7 +256,7 @@ void* Secure_Realloc(void* block, size_t size, const char* file, int line) {
     if (fresh == nullptr || block == nullptr)
         return fresh;
     if (!HasMarker(block)) {  // a block of unknown size can't be copied
-        Secure_Free(fresh, file, line);
+        ReleaseOwn(fresh);
         return nullptr;
     }
     memcpy(fresh, block, std::min<size_t>(StoredSize(block), size));
@@ -295,9 +304,9 @@ bool PKCS7_Unwrap(const std::string& package, std::string& content, std::string&
     error.clear();
     bool result = false;
     Bio input(BIO_new_mem_buf(package.data(), static_cast<int>(package.size())));
-    const Outcome outcome = input ? Unwrap(input.get(), content, digest, error, key, certificate,
-                                           signer, result)
-                                  : Outcome::OpenSslFailure;
+    const Outcome outcome =
+        input ? Unwrap(input.get(), content, digest, error, key, certificate, signer, result)
+              : Outcome::OpenSslFailure;
     if (outcome == Outcome::OpenSslFailure) {
         error = "Error processing PKCS7 data: " + OpenSSLError().utf8_string();
         result = false;

@@ -39,6 +39,8 @@ class VESK_EXPORT CLuaInterpreter {
     CLuaInterpreter& operator=(const CLuaInterpreter&) = delete;
 
     lua_State* L() const { return state; }
+    // Whether the state was made without debug, io and os.
+    bool IsSandboxed() const { return sandboxed; }
 
     // Text (message and traceback) of the last run-time failure; empty after
     // success, a load failure or an os.exit.
