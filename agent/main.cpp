@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <lua.hpp>
+#include <map>
 #include <sstream>
 
 #include "agent/AgentOptions.h"
@@ -66,9 +68,34 @@ int RunScriptFile(const CAgentOptions& options) {
     return 1;
 }
 
+// The fields of the module table itself, as `require "vesk_core"` gives it:
+// read from a real open, so that the reference follows the library.
+void WriteModuleTable(std::ostream& out) {
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    luaL_requiref(L, "vesk_core", luaopen_vesk_core, 0);  // +1
+    std::map<std::string, std::string> fields;
+    lua_pushnil(L);
+    while (lua_next(L, -2) != 0) {  // key at -2, value at -1
+        if (lua_type(L, -2) == LUA_TSTRING) {
+            std::string line = std::string(luaL_typename(L, -1)) + " `" + lua_tostring(L, -2) + "`";
+            if (lua_type(L, -1) != LUA_TFUNCTION && lua_type(L, -1) != LUA_TTABLE)
+                line += std::string(" = ") + luaL_tolstring(L, -1, nullptr), lua_pop(L, 1);
+            fields[lua_tostring(L, -2)] = line;
+        }
+        lua_pop(L, 1);
+    }
+    lua_close(L);
+    out << "\n## Module table — `require \"vesk_core\"`\n\n"
+        << "Its own fields; every other name resolves in `SLB`.\n\n";
+    for (const auto& field : fields)
+        out << "- " << field.second << "\n";
+}
+
 int WriteApiReference() {
     std::ostringstream reference;
     SLB::Manager::defaultManager()->writeReference(reference);
+    WriteModuleTable(reference);
     const std::string text = reference.str();
     return fwrite(text.data(), 1, text.size(), stdout) == text.size() ? 0 : 1;
 }

@@ -158,7 +158,7 @@ int wxInputStream_Read(lua_State* L) {
     if (output == nullptr)
         return luaL_argerror(L, 2, "Integer value or wxOutputStream object expected");
     self->Read(*output);
-    cls->push_ptr(L, self);
+    lua_pushvalue(L, 1);  // the stream itself, as its owner holds it
     return 1;
 }
 
@@ -173,7 +173,7 @@ int wxOutputStream_Write(lua_State* L) {
         self->Write(bytes, length);
         if (!self->IsOk())
             return lua_pushnil(L), 1;
-        cls->push_ptr(L, self);
+        lua_pushvalue(L, 1);
         return 1;
     }
     const SLB::ClassInfo* inputClass = ClassOrRaise<wxInputStream>(L);
@@ -181,15 +181,15 @@ int wxOutputStream_Write(lua_State* L) {
     if (input == nullptr)
         return luaL_argerror(L, 2, "String or wxInputStream object expected");
     self->Write(*input);
-    cls->push_ptr(L, self);
+    lua_pushvalue(L, 1);
     return 1;
 }
 
 int wxMySysErrorMsg(lua_State* L) {
     const auto code = static_cast<unsigned long>(lua_tointegerx(L, 1, nullptr));
-    const wxChar* text = wxSysErrorMsg(code);
-    const std::string utf8 = text != nullptr ? wxString(text).utf8_string() : std::string();
-    lua_pushstring(L, utf8.c_str());
+    // The string form: wxSysErrorMsg returns a buffer shared by all threads.
+    const std::string utf8 = wxSysErrorMsgStr(code).utf8_string();
+    lua_pushlstring(L, utf8.data(), utf8.size());
     return 1;
 }
 

@@ -13,8 +13,8 @@ namespace VeskCore {
 void WxLua_Init(SLB::Manager* manager);
 
 // stream:Read(count) -> bytes, or nil when the stream is no longer ok after
-// the read; stream:Read(outputStream) copies the rest of the stream into it
-// and returns the stream.
+// the read (a negative count reads nothing); stream:Read(outputStream) copies
+// the rest of the stream into it and returns the stream (the same userdata).
 int wxInputStream_Read(lua_State* L);
 // stream:Write(bytes) -> the stream, or nil when it is no longer ok;
 // stream:Write(inputStream) copies that stream to its end and returns the

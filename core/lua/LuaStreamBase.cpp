@@ -47,7 +47,11 @@ int CLuaStreamBase::SetFn(lua_State* L) {
         return luaL_argerror(L, 2, "Function expected");
     // luaL_ref takes the top: with more arguments, the last one, on purpose.
     stream->fnRef = luaL_ref(L, LUA_REGISTRYINDEX);
-    stream->fnState = L;
+    // The main thread, not a coroutine that called SetFn: a coroutine may be
+    // collected long before the stream, the state's main thread never is.
+    lua_rawgeti(L, LUA_REGISTRYINDEX, LUA_RIDX_MAINTHREAD);  // +1
+    stream->fnState = lua_tothread(L, -1);
+    lua_pop(L, 1);
     return 0;
 }
 

@@ -88,6 +88,25 @@ std::exception_ptr RunCommand(NativeCommand command, const char* request, size_t
     }
 }
 
+// Runs the command and pushes its four results, or the error value of its
+// exception (then true: the caller raises it, with nothing of this frame left).
+bool CallCommand(lua_State* L, NativeCommand command, const char* request, size_t length,
+                 wxInputStream& in, wxOutputStream& out, const SLB::ClassInfo& inputClass) {
+    CommandResult result;
+    if (std::exception_ptr failure = RunCommand(command, request, length, in, out, result)) {
+        CLuaChunkEnd::PushNativeException(L, std::move(failure));
+        return true;
+    }
+    lua_pushboolean(L, result.handled ? 1 : 0);
+    lua_pushinteger(L, result.status);
+    lua_pushlstring(L, result.statusText.data(), result.statusText.size());
+    if (result.replacement != nullptr)
+        inputClass.push_ptr(L, result.replacement);
+    else
+        lua_pushnil(L);
+    return false;
+}
+
 // lua_CFunction: command(request, inputStream, outputStream) -> handled,
 // status, status text, replacement stream or nil. Upvalue 1: the command.
 int CommandBinding(lua_State* L) {
@@ -96,20 +115,11 @@ int CommandBinding(lua_State* L) {
     const auto command = reinterpret_cast<NativeCommand>(lua_touserdata(L, lua_upvalueindex(1)));
     size_t length = 0;
     const char* request = luaL_checklstring(L, 1, &length);
+    const SLB::ClassInfo* inputClass = ClassOrRaise<wxInputStream>(L);
     auto* in = StreamArgument<wxInputStream>(L, 2, "wxInputStream expected");
     auto* out = StreamArgument<wxOutputStream>(L, 3, "wxOutputStream expected");
-    CommandResult result;
-    if (std::exception_ptr failure = RunCommand(command, request, length, *in, *out, result)) {
-        CLuaChunkEnd::PushNativeException(L, std::move(failure));
+    if (CallCommand(L, command, request, length, *in, *out, *inputClass))
         return lua_error(L);
-    }
-    lua_pushboolean(L, result.handled ? 1 : 0);
-    lua_pushinteger(L, result.status);
-    lua_pushlstring(L, result.statusText.data(), result.statusText.size());
-    if (result.replacement != nullptr)
-        ClassOrRaise<wxInputStream>(L)->push_ptr(L, result.replacement);
-    else
-        lua_pushnil(L);
     return 4;
 }
 
@@ -119,8 +129,9 @@ void InitOpenSSL() {
     SSL_load_error_strings();
     OpenSSLThreadSetup();
     if (!SecureAllocatorInForce())
-        wxLogWarning(wxS("VeskCore_Init() - OpenSSL allocated memory before this library was "
-                         "loaded: memory it frees is not wiped"));
+        wxLogWarning(
+            wxS("VeskCore_Init() - OpenSSL allocated memory before this library was "
+                "loaded: memory it frees is not wiped"));
 }
 
 // An unseeded pool is not fatal here: whatever needs random bytes later

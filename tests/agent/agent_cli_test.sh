@@ -49,7 +49,11 @@ expect run-error 1 "$agent" --run "$tmp/fail.lua" &&
 JOURNAL_STREAM=8:1 expect run-error-journal 1 "$agent" --run "$tmp/fail.lua" &&
   contains run-error-journal "$tmp/err" "<3>stack traceback:"
 
-expect api-doc 0 "$agent" --api-doc && contains api-doc "$tmp/out" "# SLB reference"
+expect api-doc 0 "$agent" --api-doc && contains api-doc "$tmp/out" "# SLB reference" &&
+  contains api-doc "$tmp/out" '## `SLB.wx.MemoryOutputStream` — class' &&
+  contains api-doc "$tmp/out" "Class wrapper for wxMemoryOutputStream" &&
+  contains api-doc "$tmp/out" "  - 3: App object or nil" &&
+  contains api-doc "$tmp/out" 'function `GetHostInfo`'
 
 printf 'x = = 1\n' >"$tmp/syntax.lua"
 expect syntax 1 "$agent" --run "$tmp/syntax.lua" && contains syntax "$tmp/err" "luaL_loadbuffer() returned 3"

@@ -2,11 +2,16 @@
 #include <wx/mstream.h>
 #include <wx/sstream.h>
 
+#include <lua.hpp>
 #include <string>
 
 #include "core/lua/CmdGetHostInfo.h"
 #include "core/lua/LuaInterpreter.h"
+#include "core/lua/LuaStringInputStream.h"
+#include "core/runtime/LogTrace.h"
 #include "core/runtime/vesk_core.h"
+#include "slb/ClassInfo.h"
+#include "slb/Manager.h"
 #include "tests/support/CapturingLog.h"
 
 using namespace VeskCore;
@@ -39,6 +44,8 @@ std::string CallGetHostInfo() {
 // One lookup serves eleven calls; a host whose name can't be had is asked
 // again at the next call and answers with an empty body.
 TEST(NativeCommand, GetHostInfoLooksTheNameUpOncePerElevenCalls) {
+    VeskTest::CapturingLog log;
+    TraceMasksSet("Cmd");
     const HostNameLookup previous = SetHostNameLookup(&CountingLookup);
     s_HostKnown = false;
     EXPECT_EQ(CallGetHostInfo(), "");
@@ -52,6 +59,8 @@ TEST(NativeCommand, GetHostInfoLooksTheNameUpOncePerElevenCalls) {
     CallGetHostInfo();
     EXPECT_EQ(s_Lookups, 2);
     SetHostNameLookup(previous);
+    TraceMasksSet("");
+    EXPECT_TRUE(log.Contains("[Cmd] GetHostInfo()"));
 }
 
 // A read callback that raises ends the chunk, and its text reaches the caller
@@ -72,6 +81,36 @@ TEST(LuaStreams, FailingReadCallbackThrowsItsTextOutOfTheChunk) {
             << text;
     }
     EXPECT_EQ(lua.RunScript(wxS("assert(reached == nil)"), 0, 0, wxS("test"), nullptr), 0);
+}
+
+// The read callback's count is whatever stands at slot 1 of the frame the read
+// is made from, never more than the request; nothing read ends the stream.
+TEST(LuaStreams, ReadCallbackCountComesFromSlotOneCutToTheRequest) {
+    ASSERT_EQ(VeskCore_Init(), 1);
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    SLB::Manager::defaultManager()->registerSLB(L);
+    ASSERT_EQ(luaL_dostring(L,
+                            "stream = SLB.LuaStringInputStream('')\n"
+                            "stream:SetFn(function(n) asked = n return 'ignored' end)"),
+              LUA_OK);
+    lua_getglobal(L, "stream");
+    wxInputStream* stream = static_cast<CLuaStringInputStream*>(
+        SLB::Manager::defaultManager()
+            ->getClass(SLB::TypeID<CLuaStringInputStream>::get())
+            ->get_ptr(L, -1));
+    ASSERT_NE(stream, nullptr);
+    lua_settop(L, 0);
+    lua_pushinteger(L, 100);  // slot 1
+    char buffer[8];
+    EXPECT_EQ(stream->Read(buffer, sizeof buffer).LastRead(), sizeof buffer);
+    lua_getglobal(L, "asked");
+    EXPECT_EQ(lua_tointeger(L, -1), 8);
+    lua_settop(L, 0);
+    lua_pushinteger(L, 0);
+    EXPECT_EQ(stream->Read(buffer, sizeof buffer).LastRead(), 0u);
+    EXPECT_FALSE(stream->IsOk());
+    lua_close(L);
 }
 
 }  // namespace

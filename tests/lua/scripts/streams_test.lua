@@ -43,9 +43,23 @@ fails("Error number of arguments %(given 1 %-> expected 0%)", wx.SysErrorCode, 1
 fails("Can not get a reference of class", wx.MemoryInputStream, nil)
 fails("Can not get a reference of class", wx.MemoryInputStream, wx.FileOutputStream(dir .. "/x"))
 assert(not wx.FileInputStream(dir .. "/missing"):IsOk())
--- Seek modes are objects of a class nobody registered.
-fails("Unknown class wxSeekMode", function() return wx.FromStart end)
+-- Seek modes and the results of GetLastError, Pause and Resume are objects
+-- of classes nobody registered: reading or passing one raises.
+for _, mode in ipairs{"FromStart", "FromCurrent", "FromEnd"} do
+  fails("Unknown class wxSeekMode", function() return wx[mode] end)
+end
 fails("Unknown class", input.GetLastError, input)
+fails("Unknown class wxSeekMode", input.SeekI, input, 0, nil)
+fails("Unknown class wxSeekMode", memory.SeekO, memory, 0, nil)
+
+-- The rest of the output side; what Write returns is the stream itself, so
+-- a chain of calls keeps it alive.
+local chained = wx.MemoryOutputStream():Write("ab"):Write("c")
+collectgarbage()
+chained:PutC(100)
+chained:Sync()
+assert(chained:TellO() == 4 and chained:LastWrite() == 1 and contents(chained) == "abcd")
+assert(wx.MemoryInputStream(chained):GetSize() == 4)
 
 -- Files and system errors.
 assert(wx.RenameFile(dir .. "/copy", dir .. "/moved", true) and wx.RemoveFile(dir .. "/moved"))
@@ -66,8 +80,15 @@ assert(seen[1] == "three" and gathered:GetString() == "one two")
 -- The count is read from slot 1 of the calling frame, here the stream itself.
 assert(gathered:LastWrite() == 0)
 local asked
-text:SetFn(function(size) asked = size return 0 end)
+text:SetFn(function(size) asked = -1 end)
+text:SetFn(function(size) asked = size return 0 end)  -- the second one is called
 assert(text:GetLength() == -1 and text:Read(4) == nil and asked >= 4)
+-- A function attached inside a coroutine outlives it.
+local late = SLB.LuaStringOutputStream()
+coroutine.wrap(function() late:SetFn(function(chunk) seen.late = chunk return 0 end) end)()
+collectgarbage()
+late:Write("still here")
+assert(seen.late == "still here")
 fails("Function expected", gathered.SetFn, gathered, 1)
 fails("Invalid object for this method", gathered.SetFn, memory, print)
 
@@ -80,9 +101,21 @@ assert(contents(body):match("^Hostname: [^\r\n]+\r\n$"), contents(body))
 fails("wxInputStream expected", vesk.GetHostInfo, "/", nil, body)
 fails("wxOutputStream expected", vesk.GetHostInfo, "/", SLB.LuaStringInputStream(""), {})
 
--- wxThread: statics work anywhere; this thread is no wx thread.
+-- wxThread: statics work anywhere; this thread is no wx thread. A LuaThread
+-- is one, and its enumeration results raise after the operation ran.
 assert(SLB.wxThread.GetCPUCount() >= 1 and SLB.wxThread.GetCurrentId() > 0)
 assert(SLB.wxThread.This() == nil)
 SLB.wxThread.Sleep(1)
+local worker = SLB.LuaThread("", "streams worker", nil)
+worker:startWithDefaults()
+while not worker:isIdle() do SLB.Sleep(5) end
+assert(worker:GetId() ~= SLB.wxThread.GetCurrentId() and type(worker:GetPriority()) == "number")
+assert(worker:IsPaused() == false)
+fails("Unknown class", worker.Pause, worker)
+assert(worker:IsPaused() == true)
+fails("Unknown class", worker.Resume, worker)
+assert(worker:IsPaused() == false)
+worker:requestExit()
+worker:join()
 os.execute("rm -rf " .. dir)
 print("streams_test passed")
