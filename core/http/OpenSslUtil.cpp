@@ -29,7 +29,7 @@ unsigned char* HeaderOf(void* block) {
 
 // Reads the 4 bytes ahead of a block that may not be ours: for a block from
 // plain malloc that is outside the block, which is the point.
-__attribute__((no_sanitize("address"))) bool HasMarker(const void* block) {
+__attribute__((no_sanitize("address", "thread"))) bool HasMarker(const void* block) {
     const volatile unsigned char* bytes = static_cast<const unsigned char*>(block) - 4;
     uint32_t marker = 0;
     for (int i = 3; i >= 0; --i)
