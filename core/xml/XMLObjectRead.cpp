@@ -1,0 +1,353 @@
+// Reading records from XML through Expat: the parser's user data is the
+// record of the innermost open element, and events go straight into its
+// attribute table.
+#include <openssl/crypto.h>
+#include <wx/arrstr.h>
+#include <wx/log.h>
+#include <wx/sstream.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/common/Base64.h"
+#include "core/common/Guid.h"
+#include "core/common/Scrub.h"
+#include "core/common/SecureString.h"
+#include "core/common/StringUtil.h"
+#include "core/runtime/LogTrace.h"
+#include "core/xml/XMLMemory.h"
+#include "core/xml/XMLObject.h"
+
+namespace VeskCore {
+
+void* XML_Malloc(size_t size) {
+    return CRYPTO_malloc(size, "core/xml/XMLObject", 94);
+}
+
+void* XML_Realloc(void* block, size_t size) {
+    return CRYPTO_realloc(block, size, "core/xml/XMLObject", 111);
+}
+
+void XML_Free(void* block) {
+    CRYPTO_free(block, "core/xml/XMLObject", 0);
+}
+
+const XML_Memory_Handling_Suite XML_MemoryHandlers = {XML_Malloc, XML_Realloc, XML_Free};
+
+namespace {
+
+constexpr int kChunk = 2048;
+
+// Parse text is UTF-8 from Expat; a context that is not (another encoding)
+// is still shown, with its odd bytes escaped.
+wxString TextOf(const char* bytes, size_t length) {
+    wxString text = wxString::FromUTF8(bytes, length);
+    if (text.empty() && length > 0) {
+        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
+        text = wxString(bytes, lenient, length);
+    }
+    return text;
+}
+
+// The text around the error on one line, columns kept: line ends become
+// blanks and tabs full stops.
+void LogContext(const char* context, int size) {
+    std::string line(context, static_cast<size_t>(size));
+    for (char& c : line) {
+        if (c == '\n' || c == '\r')
+            c = ' ';
+        else if (c == '\t')
+            c = '.';
+    }
+    wxLogError(wxS("%s"), TextOf(line.data(), line.size()));
+}
+
+void ReportParseFailure(XML_Parser parser, const char* chunk, int length) {
+    const XML_Error code = XML_GetErrorCode(parser);
+    const XML_LChar* message = XML_ErrorString(code);
+    wxLogError(wxS("XML_ParseBuffer() failed.  Error code is %d (%s). Buffer contained the "
+                   "following XML text:"),
+               static_cast<int>(code), wxString::FromUTF8(message != nullptr ? message : ""));
+    int offset = 0;
+    int size = 0;
+    const char* context = XML_GetInputContext(parser, &offset, &size);
+    if (context != nullptr) {
+        LogContext(context, size);
+        wxLogError(wxS(" %*s-- ** error location **"), offset, wxS("^"));
+    } else {
+        wxLogError(wxS("%s"), TextOf(chunk, static_cast<size_t>(std::max(length, 0))));
+    }
+}
+
+bool OnlyDigitsAndMinus(const wxString& value) {
+    for (const wxUniChar c : value)
+        if (!(c >= '0' && c <= '9') && c != '-')
+            return false;
+    return true;
+}
+
+}  // namespace
+
+int XMLObject::FromXML(const wxString& text, const char* namespaceSeparator) {
+    wxStringInputStream stream(text);
+    return FromXML(stream, namespaceSeparator);
+}
+
+int XMLObject::FromXML(wxInputStream& stream, const char* namespaceSeparator) {
+    SetToDefaults();  // before anything can fail
+    XML_Parser parser = XML_ParserCreate_MM(nullptr, &XML_MemoryHandlers, namespaceSeparator);
+    if (parser == nullptr) {
+        wxLogError(wxS("XML_ParserCreate() failed."));
+        return XML_ERROR_NO_MEMORY;
+    }
+    XML_SetUserData(parser, this);
+    XML_UseParserAsHandlerArg(parser);
+    XML_SetElementHandler(parser, XML_StartElementHandler, XML_EndElementHandler);
+    XML_SetCharacterDataHandler(parser, XML_CharacterDataHandler);
+    int result = XML_ERROR_NONE;
+    for (;;) {
+        if (stream.Eof())
+            break;
+        void* buffer = XML_GetBuffer(parser, kChunk);
+        if (buffer == nullptr) {
+            wxLogError(wxS("XML_GetBuffer() failed."));
+            result = XML_ERROR_NO_MEMORY;
+            break;
+        }
+        stream.Read(buffer, kChunk);  // straight into the parser's buffer
+        // A stream that fails ends the document there: Expat tells whether it
+        // was complete.
+        const bool failed = stream.GetLastError() == wxSTREAM_READ_ERROR;
+        const bool isFinal = stream.Eof() || failed;
+        const int n = static_cast<int>(stream.LastRead());
+        if (n == 0 && !failed)
+            continue;
+        if (XML_ParseBuffer(parser, n, isFinal) != XML_STATUS_OK) {
+            ReportParseFailure(parser, static_cast<const char*>(buffer), n);
+            result = XML_GetErrorCode(parser);
+            break;
+        }
+        if (failed)
+            break;
+    }
+    XML_ParserFree(parser);
+    DestroyTempObjects();
+    return result;
+}
+
+void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
+    auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
+    if (record != nullptr)
+        record->StartElementHandler(wxString::FromUTF8(name), attributes,
+                                    static_cast<XML_Parser>(parser));
+}
+
+void XMLObject::XML_EndElementHandler(void* parser, const char* name) {
+    auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
+    if (record != nullptr)
+        record->EndElementHandler(wxString::FromUTF8(name), static_cast<XML_Parser>(parser));
+}
+
+void XMLObject::XML_CharacterDataHandler(void* parser, const char* text, int length) {
+    auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
+    if (record != nullptr)
+        record->CharacterDataHandler(wxString::FromUTF8(text, static_cast<size_t>(length)));
+}
+
+void XMLObject::SetParent(XMLObject* parent, XML_ParserStruct* parser) {
+    m_parent = parent;
+    XML_SetUserData(parser, this);
+}
+
+void XMLObject::StartElementHandler(const wxString& name, const char** attributes,
+                                    XML_ParserStruct* parser) {
+    LogTrace("XML", "Parsing XML Element <%.64s>", name.utf8_string().c_str());
+    XMLObject* target;
+    if (!m_elementSeen) {
+        // The root of the parse: it stays current.
+        target = ElementNameMatches(name);
+        if (target != nullptr)
+            m_elementSeen = true;
+    } else {
+        target = FindChildElement(name);
+        if (target != nullptr)
+            target->SetParent(this, parser);
+    }
+    if (target == nullptr) {
+        // An element nobody knows: its subtree lands on placeholders.
+        auto* placeholder = new XMLObject(false, true);
+        m_tempObjects.Append(placeholder);
+        placeholder->SetParent(this, parser);
+        placeholder->m_elementSeen = true;
+        return;
+    }
+    target->m_elementSeen = true;
+    if (!target->SetAttributes(attributes))
+        XML_ParseError(parser,
+                       "Aborting parsing of element <%s> due to attribute errors at XML source "
+                       "line %lld, column %lld, byte %lld",
+                       name.utf8_string().c_str(),
+                       static_cast<long long>(XML_GetCurrentLineNumber(parser)),
+                       static_cast<long long>(XML_GetCurrentColumnNumber(parser)),
+                       static_cast<long long>(XML_GetCurrentByteIndex(parser)));
+}
+
+bool XMLObject::SetAttributes(const char** attributes) {
+    for (size_t i = 0; attributes != nullptr && attributes[i] != nullptr; i += 2) {
+        const char* rawName = attributes[i];
+        if (m_strict && !islower(static_cast<unsigned char>(rawName[0]))) {
+            wxLogError(wxS("Attribute '%.64s' of element '%s' does not begin with a lowercase "
+                           "letter."),
+                       wxString::FromUTF8(rawName), GetElementName());
+            return false;
+        }
+        wxString name = wxString::FromUTF8(rawName);
+        wxString value = wxString::FromUTF8(attributes[i + 1] != nullptr ? attributes[i + 1] : "");
+        const bool applied = SetAttribute(name, value);
+        // Parsed secrets must not stay behind in freed memory.
+        Scrub(name);
+        Scrub(value);
+        if (!applied)
+            return false;
+    }
+    return EndAttributes();
+}
+
+void XMLObject::EndElementHandler(const wxString& name, XML_ParserStruct* parser) {
+    LogTrace("XML", "Finished XML Element </%.64s>", name.utf8_string().c_str());
+    if (EndElement())
+        XML_SetUserData(parser, m_parent);
+    else
+        XML_ParseError(parser, "Aborting parsing at XML source line %lld, column %lld, byte %lld",
+                       static_cast<long long>(XML_GetCurrentLineNumber(parser)),
+                       static_cast<long long>(XML_GetCurrentColumnNumber(parser)),
+                       static_cast<long long>(XML_GetCurrentByteIndex(parser)));
+}
+
+void XMLObject::CharacterDataHandler(const wxString& text) {
+    if (m_collectsText)
+        m_text += text;
+}
+
+void XMLObject::XML_ParseError(XML_ParserStruct* parser, const char* format, ...) const {
+    char message[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    wxLogError(wxS("%s"), TextOf(message, strlen(message)));
+    XML_SetElementHandler(parser, nullptr, nullptr);
+    XML_SetCharacterDataHandler(parser, nullptr);
+    XML_StopParser(parser, XML_FALSE);
+}
+
+XMLObject* XMLObject::ElementNameMatches(const wxString& name) {
+    const wxString own = GetElementName();
+    const bool equal = m_strict ? own.Cmp(name) == 0 : own.CmpNoCase(name) == 0;
+    return equal ? this : nullptr;
+}
+
+XMLObject* XMLObject::FindChildElement(const wxString& name) {
+    if (IsCollection()) {
+        if (XMLObject* match = ElementNameMatches(name))
+            return match;
+    } else {
+        for (XMLObject* child : m_children)
+            if (XMLObject* match = child->ElementNameMatches(name))
+                return match;
+    }
+    OnUnhandledChildElement(name);
+    return nullptr;
+}
+
+void XMLObject::OnUnhandledChildElement(const wxString& name) {
+    LogTrace("XML", "Child element <%.64s> being ignored by element <%.64s>",
+             name.utf8_string().c_str(), GetElementName().utf8_string().c_str());
+}
+
+void XMLObject::OnUnhandledAttribute(const wxString& name, const wxString& value) {
+    LogTrace("XML", "Attribute %.64s=\"%.64s\" being ignored by element <%.64s>",
+             name.utf8_string().c_str(), value.utf8_string().c_str(),
+             GetElementName().utf8_string().c_str());
+}
+
+bool XMLObject::Parse(const wxString& value, wxString& out) {
+    out = value;
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, wxSecureString& out) {
+    std::string bytes = value.utf8_string();
+    out.assign(bytes.c_str());
+    Scrub(bytes);
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, bool& out) {
+    if (value.CmpNoCase(wxS("true")) == 0) {
+        out = true;
+        return true;
+    }
+    if (value.CmpNoCase(wxS("false")) == 0) {
+        out = false;
+        return true;
+    }
+    int number = 0;
+    if (!Parse(value, number))
+        return false;
+    out = number != 0;
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, int& out) {
+    if (value.empty()) {
+        out = 0;
+        return true;
+    }
+    if (!OnlyDigitsAndMinus(value)) {
+        wxLogError(wxS("Parse() - Bad integer value: %.64s"), value);
+        return false;
+    }
+    long number = 0;
+    if (!value.ToLong(&number, 10))
+        return false;
+    out = static_cast<int>(number);
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, long long& out) {
+    if (value.empty()) {
+        out = 0;
+        return true;
+    }
+    if (!OnlyDigitsAndMinus(value)) {
+        wxLogError(wxS("Parse() - Bad int64 value: %.64s"), value);
+        return false;
+    }
+    out = atoll(value.utf8_string().c_str());
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, wxMemoryBuffer& out) {
+    std::string bytes = fromBase64String(value);
+    out.SetDataLen(0);
+    out.AppendData(bytes.data(), bytes.size());
+    Scrub(bytes);
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, wxArrayString& out, const char* separator) {
+    out.Clear();
+    Tokenize(out, value, separator != nullptr ? separator : ",");
+    return true;
+}
+
+bool XMLObject::Parse(const wxString& value, _GUID& out) {
+    return VeskCore::Parse(value, &out);
+}
+
+}  // namespace VeskCore

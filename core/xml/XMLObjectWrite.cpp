@@ -1,0 +1,224 @@
+// Writing records as indented XML: one walk over the attribute table per
+// element, values equal to their default left out, everything through a text
+// stream that keeps no plain copy of what it writes.
+#include <openssl/crypto.h>
+#include <wx/arrstr.h>
+#include <wx/log.h>
+#include <wx/sstream.h>
+
+#include <cstdlib>
+
+#include "core/common/Base64.h"
+#include "core/common/Scrub.h"
+#include "core/common/SecureString.h"
+#include "core/common/SecureTextOutputStream.h"
+#include "core/common/StreamUtil.h"
+#include "core/common/StringUtil.h"
+#include "core/xml/XMLObject.h"
+#include "core/xml/XMLObjectList.h"
+
+namespace VeskCore {
+namespace {
+
+bool IsLeftOut(const wxString& name, const XMLAttribute& attribute) {
+    switch (attribute.m_type) {
+        case PT_BINARY:
+            return static_cast<const wxMemoryBuffer*>(attribute.m_value)->GetDataLen() == 0;
+        case PT_BOOL:
+            return attribute.m_hasDefault &&
+                   *static_cast<const bool*>(attribute.m_value) == attribute.m_default.flag;
+        case PT_INT:
+            return attribute.m_hasDefault &&
+                   *static_cast<const int*>(attribute.m_value) == attribute.m_default.integer;
+        case PT_INT64:
+            return attribute.m_hasDefault && *static_cast<const long long*>(attribute.m_value) ==
+                                                 attribute.m_default.integer64;
+        case PT_STRING:
+            return attribute.m_hasDefault && attribute.m_default.text != nullptr &&
+                   *static_cast<const wxString*>(attribute.m_value) ==
+                       wxString::FromUTF8(attribute.m_default.text);
+        case PT_SECURE_STRING:
+            return static_cast<const wxSecureString*>(attribute.m_value)->length() == 0;
+        case PT_STRING_ARRAY: {
+            const auto* values = static_cast<const wxArrayString*>(attribute.m_value);
+            return values->empty() || (values->size() == 1 && (*values)[0].empty());
+        }
+        default:
+            wxLogError(wxS("PrintAttributes() - unknown type '%d' for attribute '%.64s'"),
+                       static_cast<int>(attribute.m_type), name);
+            return true;
+    }
+}
+
+// The plain text of a secret goes to the stream as it is, unquoted, and is
+// wiped from every buffer it passed through.
+void WriteSecret(wxTextOutputStream& stream, const wxSecureString& secret) {
+    char* plain = nullptr;
+    size_t length = 0;
+    secret.getContentsUtf8(plain, length, false);
+    if (plain == nullptr)
+        return;
+    wxString text = wxString::FromUTF8(plain, length);
+    stream << text;
+    Scrub(text);
+    OPENSSL_cleanse(plain, length);
+    free(plain);
+}
+
+void WriteValue(wxTextOutputStream& stream, const XMLAttribute& attribute) {
+    switch (attribute.m_type) {
+        case PT_BINARY: {
+            const auto* buffer = static_cast<const wxMemoryBuffer*>(attribute.m_value);
+            stream << toBase64String(
+                std::string(static_cast<const char*>(buffer->GetData()), buffer->GetDataLen()),
+                false);
+            break;
+        }
+        case PT_BOOL:
+            stream << toString(*static_cast<const bool*>(attribute.m_value));
+            break;
+        case PT_INT:
+            stream << *static_cast<const int*>(attribute.m_value);
+            break;
+        case PT_INT64:
+            stream << toString(*static_cast<const long long*>(attribute.m_value));
+            break;
+        case PT_STRING:
+            stream << XMLObject::QuoteAttribute(*static_cast<const wxString*>(attribute.m_value));
+            break;
+        case PT_SECURE_STRING:
+            WriteSecret(stream, *static_cast<const wxSecureString*>(attribute.m_value));
+            break;
+        case PT_STRING_ARRAY:
+            stream << XMLObject::QuoteAttribute(XMLObject::Print(
+                *static_cast<const wxArrayString*>(attribute.m_value), attribute.m_default.text));
+            break;
+        default:
+            break;
+    }
+}
+
+// The replacement of a byte in attribute text, or null when it stays.
+const char* EscapeOf(unsigned char byte, bool charData) {
+    if (charData && (byte == 9 || byte == 10 || byte == 13 || byte == 34 || byte == 39))
+        return nullptr;
+    switch (byte) {
+        case 9:
+            return "&#x9;";
+        case 10:
+            return "&#xA;";
+        case 13:
+            return "&#xD;";
+        case 34:
+            return "&quot;";
+        case 38:
+            return "&amp;";
+        case 39:
+            return "&apos;";
+        case 60:
+            return "&lt;";
+        case 62:
+            return "&gt;";
+        default:
+            // XML can't carry other control bytes: they become U+FFFD.
+            return byte < 32 || byte == 127 ? "\xEF\xBF\xBD" : nullptr;
+    }
+}
+
+}  // namespace
+
+wxOutputStream& XMLObject::ToXML(wxOutputStream& stream, unsigned int indent) {
+    wxSecureTextOutputStream text(stream, wxEOL_NATIVE);
+    ToXML(text, indent);
+    return stream;
+}
+
+wxTextOutputStream& XMLObject::ToXML(wxTextOutputStream& stream, unsigned int indent) {
+    BeforePrint();
+    Indent(stream, indent, '\t');
+    stream << wxS("<") << GetElementName();
+    PrintAttributes(stream);
+    if (!HasChildElements() && m_text.empty()) {
+        stream << wxS(" />\n");
+        return stream;
+    }
+    stream << wxS(">\n");
+    PrintChildElements(stream, indent + 1);
+    if (!m_text.empty())
+        stream << QuoteCharData(m_text) << wxS("\n");
+    Indent(stream, indent, '\t');
+    stream << wxS("</") << GetElementName() << wxS(">\n");
+    return stream;
+}
+
+void XMLObject::PrintAttributes(wxTextOutputStream& stream) const {
+    for (const auto& entry : *m_attributes) {
+        if (IsLeftOut(entry.first, entry.second))
+            continue;
+        stream << wxS(" ") << entry.first << wxS("=\"");
+        WriteValue(stream, entry.second);
+        stream << wxS("\"");
+    }
+}
+
+void XMLObject::PrintChildElements(wxTextOutputStream& stream, unsigned int indent) const {
+    for (XMLObject* child : m_children)
+        child->ToXML(stream, indent);
+}
+
+wxString XMLObject::toString() {
+    wxStringOutputStream out(nullptr, wxConvUTF8);
+    ToXML(out, 0);
+    return out.GetString();
+}
+
+wxString XMLObject::QuoteString(const wxString& text, bool charData) {
+    if (text.empty())
+        return wxEmptyString;
+    const std::string bytes = text.utf8_string();
+    std::string quoted;
+    quoted.reserve(bytes.size());
+    bool replaced = false;
+    for (const char c : bytes) {
+        const char* escape = EscapeOf(static_cast<unsigned char>(c), charData);
+        if (escape == nullptr) {
+            quoted += c;
+            continue;
+        }
+        quoted += escape;
+        replaced = true;
+    }
+    // Nothing to quote: the text itself.
+    if (!replaced)
+        return text;
+    return wxString::FromUTF8(quoted);
+}
+
+wxString XMLObject::Print(const wxArrayString& values, const char* separator) {
+    wxString joiner(separator != nullptr && separator[0] != '\0' ? CharFromByte(separator[0])
+                                                                 : wxUniChar(','));
+    joiner += ' ';
+    wxString joined;
+    for (const wxString& value : values) {
+        if (!joined.empty())
+            joined += joiner;
+        joined += value;
+    }
+    return joined;
+}
+
+wxOutputStream& XMLObjectList::ToXML(wxOutputStream& stream, unsigned int indent) {
+    return XMLObject::ToXML(stream, indent);
+}
+
+wxTextOutputStream& XMLObjectList::ToXML(wxTextOutputStream& stream, unsigned int indent) {
+    if (m_children.empty() && m_text.empty())
+        return stream;  // an empty list is absent, not an empty element
+    if (m_optionalContainer && m_attributes->empty()) {
+        PrintChildElements(stream, indent);
+        return stream;
+    }
+    return XMLObject::ToXML(stream, indent);
+}
+
+}  // namespace VeskCore
