@@ -138,17 +138,21 @@ void BM_TlsThroughStreams(benchmark::State& state) {
     BIO* reading = Chain(tls.server);
     std::vector<char> block(kBlock, 'x');
     for (auto _ : state) {
-        std::thread reader([reading] {
+        size_t received = 0;
+        std::thread reader([reading, &received] {
             VeskCore::CBioInputStream in(reading, kTotal, 30);
             std::vector<char> buffer(kBlock);
             while (in.IsOk())
-                in.Read(buffer.data(), buffer.size());
+                received += in.Read(buffer.data(), buffer.size()).LastRead();
         });
         VeskCore::CBioOutputStream out(writing, 30);
-        for (size_t sent = 0; sent < kTotal && out.IsOk(); sent += kBlock)
-            out.Write(block.data(), kBlock);
+        size_t sent = 0;
+        while (sent < kTotal && out.IsOk())
+            sent += out.Write(block.data(), kBlock).LastWrite();
         out.Sync();
         reader.join();
+        if (sent != kTotal || received != kTotal)
+            state.SkipWithError("the transfer was cut short");
     }
     BIO_free_all(writing);
     BIO_free_all(reading);

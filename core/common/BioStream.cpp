@@ -1,7 +1,7 @@
 #include "core/common/BioStream.h"
 
 #include <openssl/err.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <wx/log.h>
 
 #include <cerrno>
@@ -25,27 +25,24 @@ bool BioShouldRetry(BIO* bio, bool& retryRead, bool& retryWrite) {
 bool BioWaitWithTimeout(BIO* bio, bool forRead, bool forWrite, long timeoutSeconds) {
     if (!forRead && !forWrite)
         return false;
-    int fd = -1;
-    if (BIO_get_fd(bio, &fd) <= 0 || fd == -1)
+    int fd = -1;  // a chain without a socket leaves it as it is
+    BIO_get_fd(bio, &fd);
+    if (fd == -1)
         return false;
-    fd_set readable;
-    fd_set writable;
-    fd_set exceptional;
-    FD_ZERO(&readable);
-    FD_ZERO(&writable);
-    FD_ZERO(&exceptional);
+    // poll(), not select(): a descriptor past FD_SETSIZE would be written
+    // beyond the set. Errors and hang-ups count as ready, as exceptional
+    // conditions did: the next BIO call tells what happened.
+    pollfd wanted{fd, 0, 0};
     if (forRead) {
         const bool buffered = BIO_pending(bio) > 0;
         if (buffered && !forWrite)
             return true;  // the chain already holds what a read wants
         if (!buffered)
-            FD_SET(fd, &readable);
+            wanted.events |= POLLIN | POLLPRI;
     }
     if (forWrite)
-        FD_SET(fd, &writable);
-    FD_SET(fd, &exceptional);
-    timeval timeout{timeoutSeconds, 0};
-    const int ready = select(fd + 1, &readable, &writable, &exceptional, &timeout);
+        wanted.events |= POLLOUT;
+    const int ready = poll(&wanted, 1, static_cast<int>(timeoutSeconds * 1000));
     if (ready < 0) {
         VESK_LOG_SYS_ERROR(wxS("BioWaitWithTimeout() - Error on select"));
         return false;

@@ -16,8 +16,8 @@ namespace VeskCore {
 // retry for neither reading nor writing (a pending connect) counts as none.
 VESK_EXPORT bool BioShouldRetry(BIO* bio, bool& retryRead, bool& retryWrite);
 
-// Waits until the chain's socket is ready for what is asked, at most
-// `timeoutSeconds` (0: a poll). Data already buffered in the chain satisfies
+// Waits until the chain's socket is ready for what is asked (or in error), at
+// most `timeoutSeconds` (0: a poll). Data already buffered in the chain satisfies
 // a read at once. False without a descriptor, on a select() error (logged),
 // and on a time-out: logged (but for a poll), and ETIMEDOUT left in OpenSSL's
 // error queue for whoever reports the failure.

@@ -1,6 +1,7 @@
 #include "core/http/OpenSslUtil.h"
 
 #include <openssl/bio.h>
+#include <openssl/buffer.h>
 #include <openssl/comperr.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -14,7 +15,6 @@
 #include <cstring>
 #include <memory>
 
-#include "core/common/Scrub.h"
 #include "core/common/Utf8.h"
 
 namespace VeskCore {
@@ -73,59 +73,69 @@ const char kReactivate[] =
     "Unable to access the private key. The agent will have to be deactivated and then "
     "re-activated.";
 
-// Inflates a zlib stream (header and all), as BIO_f_zlib would have. A
-// failure is queued as an OpenSSL error, so that it is reported like one.
-bool Inflate(const std::string& compressed, std::string& inflated) {
-    z_stream zip{};
-    if (inflateInit(&zip) != Z_OK) {
-        ERR_raise_data(ERR_LIB_COMP, COMP_R_ZLIB_INFLATE_ERROR, "inflateInit failed");
-        return false;
-    }
-    zip.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
-    zip.avail_in = static_cast<uInt>(compressed.size());
-    int status = Z_OK;
-    char block[16384];
-    while (status == Z_OK) {
-        zip.next_out = reinterpret_cast<Bytef*>(block);
-        zip.avail_out = sizeof block;
-        status = inflate(&zip, Z_NO_FLUSH);
-        inflated.append(block, sizeof block - zip.avail_out);
-        if (inflated.size() > kMaxInflated)
-            status = Z_MEM_ERROR;
-    }
-    inflateEnd(&zip);
-    OPENSSL_cleanse(block, sizeof block);
-    if (status == Z_STREAM_END)
-        return true;
-    ERR_raise_data(ERR_LIB_COMP, COMP_R_ZLIB_INFLATE_ERROR, "inflate: %s",
-                   status == Z_MEM_ERROR ? "too large or out of memory" : "not a zlib stream");
-    return false;
+// zlib's own memory (its window holds the latest plain output) comes from
+// OpenSSL's allocator, which wipes what it frees.
+voidpf ZlibAlloc(voidpf, uInt items, uInt size) {
+    return OPENSSL_malloc(static_cast<size_t>(items) * size);
+}
+void ZlibFree(voidpf, voidpf block) {
+    OPENSSL_free(block);
 }
 
-std::string BioContents(BIO* bio) {
-    char* bytes = nullptr;
-    const long length = BIO_get_mem_data(bio, &bytes);
-    return length > 0 && bytes != nullptr ? std::string(bytes, static_cast<size_t>(length))
-                                          : std::string();
+void FreeBuffer(BUF_MEM* buffer) {
+    BUF_MEM_free(buffer);  // wipes what it held
+}
+using Buffer = std::unique_ptr<BUF_MEM, Deleter<BUF_MEM, FreeBuffer>>;
+
+// Inflates a zlib stream (header and all), as BIO_f_zlib would have, into a
+// buffer that wipes what it leaves behind when it grows. A failure is queued
+// as an OpenSSL error, so that it is reported like one.
+Buffer Inflate(const char* compressed, size_t length) {
+    Buffer inflated(BUF_MEM_new());
+    z_stream zip{};
+    zip.zalloc = ZlibAlloc;
+    zip.zfree = ZlibFree;
+    if (!inflated || inflateInit(&zip) != Z_OK) {
+        ERR_raise_data(ERR_LIB_COMP, COMP_R_ZLIB_INFLATE_ERROR, "inflateInit failed");
+        return nullptr;
+    }
+    zip.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed));
+    zip.avail_in = static_cast<uInt>(length);
+    int status = Z_OK;
+    size_t used = 0;
+    while (status == Z_OK) {
+        if (used + 16384 > kMaxInflated || BUF_MEM_grow_clean(inflated.get(), used + 16384) == 0) {
+            status = Z_MEM_ERROR;
+            break;
+        }
+        zip.next_out = reinterpret_cast<Bytef*>(inflated->data + used);
+        zip.avail_out = 16384;
+        status = inflate(&zip, Z_NO_FLUSH);
+        used += 16384 - zip.avail_out;
+    }
+    inflateEnd(&zip);
+    if (status != Z_STREAM_END) {
+        ERR_raise_data(ERR_LIB_COMP, COMP_R_ZLIB_INFLATE_ERROR, "inflate: %s",
+                       status == Z_MEM_ERROR ? "too large or out of memory" : "not a zlib stream");
+        return nullptr;
+    }
+    inflated->length = used;
+    return inflated;
 }
 
 // The signed data inside an enveloped package: decrypted, inflated, parsed.
+// The plain bytes live only in OpenSSL's memory, wiped when freed.
 Pkcs7 OpenEnvelope(PKCS7* envelope, EVP_PKEY* key, X509* certificate) {
     Bio decrypted(BIO_new(BIO_s_mem()));
     if (!decrypted || PKCS7_decrypt(envelope, key, certificate, decrypted.get(), 0) != 1)
         return nullptr;
-    std::string compressed = BioContents(decrypted.get());
-    std::string inflated;
-    const bool ok = Inflate(compressed, inflated);
-    Scrub(compressed);
-    if (!ok) {
-        Scrub(inflated);
+    char* compressed = nullptr;
+    const long length = BIO_get_mem_data(decrypted.get(), &compressed);
+    Buffer inflated = Inflate(compressed, length > 0 ? static_cast<size_t>(length) : 0);
+    if (!inflated)
         return nullptr;
-    }
-    Bio inner(BIO_new_mem_buf(inflated.data(), static_cast<int>(inflated.size())));
-    Pkcs7 signedData(inner ? d2i_PKCS7_bio(inner.get(), nullptr) : nullptr);
-    Scrub(inflated);
-    return signedData;
+    Bio inner(BIO_new_mem_buf(inflated->data, static_cast<int>(inflated->length)));
+    return Pkcs7(inner ? d2i_PKCS7_bio(inner.get(), nullptr) : nullptr);
 }
 
 // The content as it stands, unchecked; an empty BIO when there is none.
@@ -290,7 +300,9 @@ wxString OpenSSLError() {
 
 int EVP_DigestUpdate(EVP_MD_CTX* context, const wxString& text) {
     const std::string bytes = text.utf8_string();
-    if (!isLegalUTF8String(reinterpret_cast<const unsigned char*>(bytes.data()),
+    // wx gives "" for text it can't convert, and lets a lone surrogate through.
+    if ((bytes.empty() && !text.empty()) ||
+        !isLegalUTF8String(reinterpret_cast<const unsigned char*>(bytes.data()),
                            static_cast<int>(bytes.size()))) {
         wxLogInfo(wxS("EVP_DigestUpdate - UTF-8 conversion failed: %s"), text);
         return 0;
