@@ -15,8 +15,6 @@
 #include <cstring>
 #include <memory>
 
-#include "core/common/Utf8.h"
-
 namespace VeskCore {
 namespace {
 
@@ -298,15 +296,33 @@ wxString OpenSSLError() {
     return OpenSSLError(code, data);
 }
 
+namespace {
+
+bool IsUnicodeScalar(wxUint32 value) {
+    return value <= 0x10FFFF && (value < 0xD800 || value > 0xDFFF);
+}
+
+// The text with what has no UTF-8 form shown as U+FFFD: a log line must be
+// writable, or the whole line is lost.
+wxString Printable(const wxString& text) {
+    wxString shown;
+    for (wxUniChar c : text)
+        shown += IsUnicodeScalar(c.GetValue()) ? c : wxUniChar(0xFFFD);
+    return shown;
+}
+
+}  // namespace
+
 int EVP_DigestUpdate(EVP_MD_CTX* context, const wxString& text) {
-    const std::string bytes = text.utf8_string();
-    // wx gives "" for text it can't convert, and lets a lone surrogate through.
-    if ((bytes.empty() && !text.empty()) ||
-        !isLegalUTF8String(reinterpret_cast<const unsigned char*>(bytes.data()),
-                           static_cast<int>(bytes.size()))) {
-        wxLogInfo(wxS("EVP_DigestUpdate - UTF-8 conversion failed: %s"), text);
+    // Checked on the characters: wx's encoder writes a lone surrogate as the
+    // three bytes of its value, which is not UTF-8.
+    const bool convertible = std::all_of(text.begin(), text.end(),
+                                         [](wxUniChar c) { return IsUnicodeScalar(c.GetValue()); });
+    if (!convertible) {
+        wxLogInfo(wxS("EVP_DigestUpdate - UTF-8 conversion failed: %s"), Printable(text));
         return 0;
     }
+    const std::string bytes = text.utf8_string();
     return ::EVP_DigestUpdate(context, bytes.data(), bytes.size());
 }
 

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -76,6 +77,21 @@ TEST(BioStreamTest, RetriesBecomeWaitsAndReadsEndAtLimitCloseOrTimeOut) {
     CBioInputStream closing(sockets.bio, 99, 1);
     EXPECT_EQ(closing.Read(buffer, sizeof buffer).LastRead(), 2u);
     EXPECT_TRUE(closing.Eof());
+}
+
+TEST(BioStreamTest, DescriptorsBeyondFdSetSizeAreWaitedOn) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4096));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    Sockets sockets;
+    const int high = fcntl(sockets.fds[0], F_DUPFD_CLOEXEC, FD_SETSIZE + 1000);
+    ASSERT_GT(high, FD_SETSIZE) << strerror(errno);
+    BIO* bio = BIO_new_socket(high, BIO_CLOSE);
+    ASSERT_EQ(::write(sockets.fds[1], "x", 1), 1);
+    EXPECT_TRUE(BioWaitWithTimeout(bio, true, false, 1));
+    EXPECT_TRUE(BioWaitWithTimeout(bio, false, true, 1));
+    BIO_free(bio);
 }
 
 // What a peer thread receives through a buffered chain over a socket, under TLS with contexts.

@@ -63,74 +63,134 @@ TEST(OpenSslTextTest, ErrorsAndDigestsOfText) {
     EXPECT_TRUE(EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1 &&
                 VeskCore::EVP_DigestUpdate(context, wxString::FromUTF8(utf8)) == 1 &&
                 EVP_DigestFinal_ex(context, digest, nullptr) == 1);
-    EVP_MD_CTX_free(context);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(digest), 32),
               ToolOutput("printf '" + utf8 + "' | sha256sum | cut -c1-64 | xxd -r -p"));
+
+    // Text that has no UTF-8 form is refused, not digested as nothing.
+    CapturingLog log;
+    EXPECT_EQ(EVP_DigestInit_ex(context, EVP_sha256(), nullptr), 1);
+    for (const wchar_t* text : {L"a\xD800"
+                                L"b",
+                                L"\x110000"}) {
+        EXPECT_EQ(VeskCore::EVP_DigestUpdate(context, wxString(text)), 0);
+        EXPECT_TRUE(log.Contains("EVP_DigestUpdate - UTF-8 conversion failed: "));
+        EXPECT_TRUE(log.Contains("\xEF\xBF\xBD"));  // U+FFFD stands in for the character
+        log.Clear();
+    }
+    EVP_MD_CTX_free(context);
 }
 
-TEST(OpenSslPackageTest, PackagesOpenWithTheirSignerAsTheOnlyAnchorAndFailSafely) {
-    ScratchDir dir;
-    ToolOutput("cd " + dir.path() + R"( && set -e
+// Packages made once by the openssl tool; each test unwraps them with its own log.
+class OpenSslPackageTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        dir_ = new ScratchDir;
+        ToolOutput("cd " + dir_->path() + R"( && set -e
 printf 'vesk configuration package\n' >content
 for n in signer other recipient; do
   openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=$n -keyout $n.key -out $n.pem
 done 2>/dev/null
-sign="-sign -binary -nodetach -outform DER -in content -signer signer.pem -inkey signer.key"
-openssl smime $sign -out signed.der
-openssl cms $sign -signer other.pem -inkey other.key -out two.der
+sign="-sign -binary -outform DER -in content -signer signer.pem -inkey signer.key"
+openssl smime $sign -nodetach -out signed.der
+openssl smime $sign -out detached.der
+openssl smime $sign -nodetach -noattr -out noattr.der
+openssl cms $sign -nodetach -signer other.pem -inkey other.key -out two.der
+openssl cms -data_create -binary -outform DER -in content -out data.der
 python3 -c 'import zlib,sys; sys.stdout.buffer.write(zlib.compress(sys.stdin.buffer.read()))' \
   <signed.der >signed.z
-openssl smime -encrypt -binary -outform DER -aes256 -in signed.z -out sealed.der recipient.pem
+seal="openssl smime -encrypt -binary -outform DER -aes256"
+$seal -in signed.z -out sealed.der recipient.pem
+$seal -in signed.der -out uncompressed.der recipient.pem
 sha256sum content | cut -c1-64 | xxd -r -p >digest)");
-    auto load = [&dir](const char* name, auto read) {
-        std::unique_ptr<BIO, int (*)(BIO*)> file(BIO_new_file((dir / name).c_str(), "r"), BIO_free);
-        return read(file.get(), nullptr, nullptr, nullptr);
-    };
-    X509* signer = load("signer.pem", PEM_read_bio_X509);
-    X509* recipient = load("recipient.pem", PEM_read_bio_X509);
-    EVP_PKEY* key = load("recipient.key", PEM_read_bio_PrivateKey);
-    CapturingLog log;
-    std::string content, digest, error;
-    auto unwrap = [&](const std::string& package, X509* anchor, EVP_PKEY* privateKey) {
-        return PKCS7_Unwrap(package, content, digest, error, privateKey, recipient, anchor);
-    };
-    // Whether the error, which must also be logged, starts with `why`.
-    auto failed = [&](const char* why) { return error.rfind(why, 0) == 0 && log.Contains(why); };
-    for (const char* name : {"signed.der", "sealed.der"}) {
-        digest.clear();
-        EXPECT_TRUE(unwrap(ReadFile(dir / name), signer, key)) << name << ": " << error;
-        EXPECT_EQ(content, ReadFile(dir / "content"));
-        EXPECT_EQ(digest, ReadFile(dir / "digest"));
     }
-    EXPECT_FALSE(unwrap(ReadFile(dir / "sealed.der"), signer, nullptr));
-    EXPECT_EQ(error,
+    static void TearDownTestSuite() { delete dir_; }
+
+    template <typename Read>
+    static auto Load(const char* name, Read read) {
+        std::unique_ptr<BIO, int (*)(BIO*)> file(BIO_new_file((*dir_ / name).c_str(), "r"),
+                                                 BIO_free);
+        return read(file.get(), nullptr, nullptr, nullptr);
+    }
+    void SetUp() override {
+        signer_ = Load("signer.pem", PEM_read_bio_X509);
+        recipient_ = Load("recipient.pem", PEM_read_bio_X509);
+        key_ = Load("recipient.key", PEM_read_bio_PrivateKey);
+        otherKey_ = Load("other.key", PEM_read_bio_PrivateKey);
+    }
+    void TearDown() override {
+        X509_free(signer_), X509_free(recipient_), EVP_PKEY_free(key_), EVP_PKEY_free(otherKey_);
+    }
+
+    static std::string Package(const char* name) { return ReadFile(*dir_ / name); }
+
+    bool Unwrap(const std::string& package, X509* anchor, EVP_PKEY* privateKey) {
+        return PKCS7_Unwrap(package, content_, digest_, error_, privateKey, recipient_, anchor);
+    }
+    // Whether the error, which must also be logged, starts with `why`.
+    bool Failed(const char* why) const { return error_.rfind(why, 0) == 0 && log_.Contains(why); }
+
+    static ScratchDir* dir_;
+    X509 *signer_ = nullptr, *recipient_ = nullptr;
+    EVP_PKEY *key_ = nullptr, *otherKey_ = nullptr;
+    CapturingLog log_;
+    std::string content_, digest_, error_;
+};
+
+ScratchDir* OpenSslPackageTest::dir_ = nullptr;
+
+TEST_F(OpenSslPackageTest, PackagesOpenWithTheirSignerAsTheOnlyAnchorAndFailSafely) {
+    for (const char* name : {"signed.der", "sealed.der"}) {
+        digest_.clear();
+        EXPECT_TRUE(Unwrap(Package(name), signer_, key_)) << name << ": " << error_;
+        EXPECT_EQ(content_, Package("content"));
+        EXPECT_EQ(digest_, Package("digest"));
+    }
+    EXPECT_FALSE(Unwrap(Package("sealed.der"), signer_, nullptr));
+    EXPECT_EQ(error_,
               "Unable to access the private key. The agent will have to be deactivated "
               "and then re-activated.");
-    EXPECT_TRUE(log.Lines().empty());  // a lost key is no error to log
+    EXPECT_TRUE(log_.Lines().empty());  // a lost key is no error to log
 
-    EXPECT_FALSE(unwrap(ReadFile(dir / "signed.der"), recipient, key));  // a stranger as anchor
-    EXPECT_TRUE(failed("Error processing PKCS7 data: error:")) << error;
-    EXPECT_FALSE(unwrap(ReadFile(dir / "two.der"), nullptr, key));
-    EXPECT_EQ(content, ReadFile(dir / "content"));
-    EXPECT_TRUE(failed("PKCS7 data is not signed or has multiple signers")) << error;
+    EXPECT_FALSE(Unwrap(Package("signed.der"), recipient_, key_));  // a stranger as anchor
+    EXPECT_TRUE(Failed("Error processing PKCS7 data: error:")) << error_;
+    EXPECT_EQ(digest_, Package("digest"));  // a failure leaves the caller's digest alone
 
-    std::string tampered = ReadFile(dir / "signed.der");
+    std::string tampered = Package("signed.der");
     tampered.replace(tampered.find("configuration"), 1, "C");
-    EXPECT_FALSE(unwrap(tampered, signer, key));
-    EXPECT_TRUE(failed("Error processing PKCS7 data: error:")) << error;
-    EXPECT_TRUE(unwrap(tampered, nullptr, key)) << error;  // unchecked, as asked
-    EXPECT_EQ(content, "vesk Configuration package\n");
+    EXPECT_FALSE(Unwrap(tampered, signer_, key_));
+    EXPECT_TRUE(Failed("Error processing PKCS7 data: error:")) << error_;
+    EXPECT_TRUE(Unwrap(tampered, nullptr, key_)) << error_;  // unchecked, as asked
+    EXPECT_EQ(content_, "vesk Configuration package\n");
     tampered.pop_back();
     for (const std::string& package :
          {std::string(), std::string("\x30\x82garbage", 9), tampered.substr(0, 200), tampered}) {
-        log.Clear();
-        EXPECT_FALSE(unwrap(package, signer, key)) << package.size();
-        EXPECT_TRUE(failed("Error processing PKCS7 data: ")) << error;
-        EXPECT_TRUE(content.empty());
+        log_.Clear();
+        EXPECT_FALSE(Unwrap(package, signer_, key_)) << package.size();
+        EXPECT_TRUE(Failed("Error processing PKCS7 data: ")) << error_;
+        EXPECT_TRUE(content_.empty());
     }
-    X509_free(signer);
-    X509_free(recipient);
-    EVP_PKEY_free(key);
+}
+
+TEST_F(OpenSslPackageTest, PackagesOfTheWrongShapeSayWhatIsWrong) {
+    EXPECT_FALSE(Unwrap(Package("two.der"), nullptr, key_));
+    EXPECT_EQ(content_, Package("content"));  // the content is kept whatever the signers
+    EXPECT_TRUE(Failed("PKCS7 data is not signed or has multiple signers")) << error_;
+    EXPECT_FALSE(Unwrap(Package("noattr.der"), signer_, key_));
+    EXPECT_EQ(content_, Package("content"));
+    EXPECT_TRUE(Failed("PKCS7 messageDigest missing or wrong data type")) << error_;
+    EXPECT_FALSE(Unwrap(Package("detached.der"), nullptr, key_));
+    EXPECT_TRUE(Failed("Error getting data from signed SecurityConfiguration")) << error_;
+    EXPECT_FALSE(Unwrap(Package("data.der"), signer_, key_));
+    EXPECT_TRUE(Failed("PKCS7 data is neither signed nor enveloped")) << error_;
+
+    // Sealed for the recipient but opened with another key, or sealed without compression.
+    EXPECT_FALSE(Unwrap(Package("sealed.der"), signer_, otherKey_));
+    EXPECT_TRUE(Failed("Error processing PKCS7 data: error:")) << error_;
+    log_.Clear();
+    EXPECT_FALSE(Unwrap(Package("uncompressed.der"), signer_, key_));
+    EXPECT_TRUE(Failed("Error processing PKCS7 data: error:")) << error_;
+    EXPECT_NE(error_.find("not a zlib stream"), std::string::npos) << error_;
+    EXPECT_TRUE(content_.empty());
 }
 
 }  // namespace
