@@ -3,9 +3,8 @@
 #include <openssl/crypto.h>
 #include <wx/stream.h>
 
+#include <cstring>
 #include <string>
-
-#include "core/common/Scrub.h"
 
 namespace {
 
@@ -41,25 +40,32 @@ size_t EncodeUtf8(wxUint32 code, char* out) {
 
 void wxSecureTextOutputStream::WriteString(const wxString& text) {
     // wx's own UTF-8 conversion goes through temporary buffers that are freed
-    // unwiped, so the bytes are made here, in one buffer sized up front so
-    // that it never moves.
+    // unwiped, so the bytes are made here, in a block on the stack that is
+    // wiped when done. Records are written a few bytes at a time: the heap
+    // has no part in it.
     const char* newline = m_mode == wxEOL_DOS ? "\r\n" : m_mode == wxEOL_MAC ? "\r" : "\n";
     const size_t newlineSize = std::char_traits<char>::length(newline);
-    char encoded[4];
-    size_t size = 0;
-    for (wxUniChar c : text) {
-        size += c == wxUniChar('\n') ? newlineSize : EncodeUtf8(c.GetValue(), encoded);
-    }
-    std::string out;
-    out.reserve(size);
-    for (wxUniChar c : text) {
-        if (c == wxUniChar('\n')) {
-            out.append(newline, newlineSize);
+    char block[1024];
+    size_t used = 0;
+    bool full = false;
+    const wxStringCharType* characters = text.wx_str();
+    for (size_t i = 0, length = text.length(); i < length; ++i) {
+        if (used > sizeof block - 4) {
+            m_output.Write(block, used);
+            used = 0;
+            full = true;
+        }
+        const wxUint32 code = static_cast<wxUint32>(characters[i]);
+        if (code == '\n') {
+            memcpy(block + used, newline, newlineSize);
+            used += newlineSize;
+        } else if (code < 0x80) {
+            block[used++] = static_cast<char>(code);
         } else {
-            out.append(encoded, EncodeUtf8(c.GetValue(), encoded));
+            used += EncodeUtf8(code, block + used);
         }
     }
-    m_output.Write(out.data(), out.size());
-    VeskCore::Scrub(out);
-    OPENSSL_cleanse(encoded, sizeof encoded);
+    if (used != 0)
+        m_output.Write(block, used);
+    OPENSSL_cleanse(block, full ? sizeof block : used);
 }

@@ -1,11 +1,16 @@
 #include "core/common/StringUtil.h"
 
+#include <charconv>
 #include <cstring>
 
 namespace VeskCore {
 
+// Numbers are written for every record that goes out as XML or SQL:
+// to_chars leaves wx's format machinery out of it.
 wxString toString(long long value) {
-    return wxString::Format(wxS("%lld"), value);
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    return wxString::FromAscii(digits, static_cast<size_t>(end - digits));
 }
 
 wxString toString(long value) {
@@ -17,7 +22,7 @@ wxString toString(unsigned long value) {
 }
 
 wxString toString(int value) {
-    return wxString::Format(wxS("%d"), value);
+    return toString(static_cast<long long>(value));
 }
 
 wxString toString(bool value) {

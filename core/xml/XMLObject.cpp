@@ -9,6 +9,7 @@
 
 #include "core/runtime/LogTrace.h"
 #include "core/xml/XMLMemory.h"
+#include "core/xml/XMLText.h"
 
 namespace VeskCore {
 
@@ -27,7 +28,10 @@ XMLObject::~XMLObject() {
 }
 
 void XMLObject::Register(const char* name, const XMLAttribute& attribute) {
-    const wxString key = wxString::FromUTF8(name != nullptr ? name : "");
+    // Every record built registers all its names: converting them in one
+    // buffer leaves the map's own copy as the only allocation.
+    thread_local wxString key;
+    AssignUTF8(key, name);
     if (m_attributes->find(key) == m_attributes->end())
         (*m_attributes)[key] = attribute;  // the first registration of a name wins
 }
@@ -156,8 +160,9 @@ XMLAttribute* XMLObject::FindAttribute(const wxString& name) {
 }
 
 bool XMLObject::SetAttribute(const wxString& name, const wxString& value) {
-    LogTrace("XML", "XMLObject::SetAttribute() - '%s' -> '%.64s'", name.utf8_string().c_str(),
-             value.utf8_string().c_str());
+    if (LogTraceIsEnabled("XML"))
+        LogTrace("XML", "XMLObject::SetAttribute() - '%s' -> '%.64s'", name.utf8_string().c_str(),
+                 value.utf8_string().c_str());
     XMLAttribute* attribute = FindAttribute(name);
     if (attribute == nullptr) {
         OnUnhandledAttribute(name, value);

@@ -21,6 +21,7 @@
 #include "core/runtime/LogTrace.h"
 #include "core/xml/XMLMemory.h"
 #include "core/xml/XMLObject.h"
+#include "core/xml/XMLText.h"
 
 namespace VeskCore {
 
@@ -142,20 +143,22 @@ int XMLObject::FromXML(wxInputStream& stream, const char* namespaceSeparator) {
 void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
     auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
     if (record != nullptr)
-        record->StartElementHandler(wxString::FromUTF8(name), attributes,
+        record->StartElementHandler(TextFromUTF8(name), attributes,
                                     static_cast<XML_Parser>(parser));
 }
 
 void XMLObject::XML_EndElementHandler(void* parser, const char* name) {
     auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
     if (record != nullptr)
-        record->EndElementHandler(wxString::FromUTF8(name), static_cast<XML_Parser>(parser));
+        record->EndElementHandler(TextFromUTF8(name), static_cast<XML_Parser>(parser));
 }
 
 void XMLObject::XML_CharacterDataHandler(void* parser, const char* text, int length) {
     auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
-    if (record != nullptr)
-        record->CharacterDataHandler(wxString::FromUTF8(text, static_cast<size_t>(length)));
+    // Most records keep no text: the blanks between their elements are not
+    // worth converting.
+    if (record != nullptr && record->m_collectsText)
+        record->CharacterDataHandler(TextFromUTF8(text, static_cast<size_t>(length)));
 }
 
 void XMLObject::SetParent(XMLObject* parent, XML_ParserStruct* parser) {
@@ -165,7 +168,8 @@ void XMLObject::SetParent(XMLObject* parent, XML_ParserStruct* parser) {
 
 void XMLObject::StartElementHandler(const wxString& name, const char** attributes,
                                     XML_ParserStruct* parser) {
-    LogTrace("XML", "Parsing XML Element <%.64s>", name.utf8_string().c_str());
+    if (LogTraceIsEnabled("XML"))
+        LogTrace("XML", "Parsing XML Element <%.64s>", name.utf8_string().c_str());
     XMLObject* target;
     if (!m_elementSeen) {
         // The root of the parse: it stays current.
@@ -197,28 +201,32 @@ void XMLObject::StartElementHandler(const wxString& name, const char** attribute
 }
 
 bool XMLObject::SetAttributes(const char** attributes) {
-    for (size_t i = 0; attributes != nullptr && attributes[i] != nullptr; i += 2) {
+    // One pair of strings takes every attribute of the element in turn.
+    wxString name;
+    wxString value;
+    bool applied = true;
+    for (size_t i = 0; applied && attributes != nullptr && attributes[i] != nullptr; i += 2) {
         const char* rawName = attributes[i];
         if (m_strict && !islower(static_cast<unsigned char>(rawName[0]))) {
             wxLogError(wxS("Attribute '%.64s' of element '%s' does not begin with a lowercase "
                            "letter."),
                        wxString::FromUTF8(rawName), GetElementName());
-            return false;
+            applied = false;
+            break;
         }
-        wxString name = wxString::FromUTF8(rawName);
-        wxString value = wxString::FromUTF8(attributes[i + 1] != nullptr ? attributes[i + 1] : "");
-        const bool applied = SetAttribute(name, value);
-        // Parsed secrets must not stay behind in freed memory.
-        Scrub(name);
-        Scrub(value);
-        if (!applied)
-            return false;
+        AssignUTF8(name, rawName);
+        AssignUTF8(value, attributes[i + 1]);
+        applied = SetAttribute(name, value);
     }
-    return EndAttributes();
+    // Parsed secrets must not stay behind in freed memory.
+    Scrub(name);
+    Scrub(value);
+    return applied && EndAttributes();
 }
 
 void XMLObject::EndElementHandler(const wxString& name, XML_ParserStruct* parser) {
-    LogTrace("XML", "Finished XML Element </%.64s>", name.utf8_string().c_str());
+    if (LogTraceIsEnabled("XML"))
+        LogTrace("XML", "Finished XML Element </%.64s>", name.utf8_string().c_str());
     if (EndElement())
         XML_SetUserData(parser, m_parent);
     else
@@ -265,14 +273,16 @@ XMLObject* XMLObject::FindChildElement(const wxString& name) {
 }
 
 void XMLObject::OnUnhandledChildElement(const wxString& name) {
-    LogTrace("XML", "Child element <%.64s> being ignored by element <%.64s>",
-             name.utf8_string().c_str(), GetElementName().utf8_string().c_str());
+    if (LogTraceIsEnabled("XML"))
+        LogTrace("XML", "Child element <%.64s> being ignored by element <%.64s>",
+                 name.utf8_string().c_str(), GetElementName().utf8_string().c_str());
 }
 
 void XMLObject::OnUnhandledAttribute(const wxString& name, const wxString& value) {
-    LogTrace("XML", "Attribute %.64s=\"%.64s\" being ignored by element <%.64s>",
-             name.utf8_string().c_str(), value.utf8_string().c_str(),
-             GetElementName().utf8_string().c_str());
+    if (LogTraceIsEnabled("XML"))
+        LogTrace("XML", "Attribute %.64s=\"%.64s\" being ignored by element <%.64s>",
+                 name.utf8_string().c_str(), value.utf8_string().c_str(),
+                 GetElementName().utf8_string().c_str());
 }
 
 bool XMLObject::Parse(const wxString& value, wxString& out) {

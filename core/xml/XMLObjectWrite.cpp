@@ -16,6 +16,7 @@
 #include "core/common/StringUtil.h"
 #include "core/xml/XMLObject.h"
 #include "core/xml/XMLObjectList.h"
+#include "core/xml/XMLText.h"
 
 namespace VeskCore {
 namespace {
@@ -35,8 +36,8 @@ bool IsLeftOut(const wxString& name, const XMLAttribute& attribute) {
                                                  attribute.m_default.integer64;
         case PT_STRING:
             return attribute.m_hasDefault && attribute.m_default.text != nullptr &&
-                   *static_cast<const wxString*>(attribute.m_value) ==
-                       wxString::FromUTF8(attribute.m_default.text);
+                   EqualsUTF8(*static_cast<const wxString*>(attribute.m_value),
+                              attribute.m_default.text);
         case PT_SECURE_STRING:
             return static_cast<const wxSecureString*>(attribute.m_value)->length() == 0;
         case PT_STRING_ARRAY: {
@@ -78,7 +79,7 @@ void WriteValue(wxTextOutputStream& stream, const XMLAttribute& attribute) {
             stream << toString(*static_cast<const bool*>(attribute.m_value));
             break;
         case PT_INT:
-            stream << *static_cast<const int*>(attribute.m_value);
+            stream << toString(*static_cast<const int*>(attribute.m_value));
             break;
         case PT_INT64:
             stream << toString(*static_cast<const long long*>(attribute.m_value));
@@ -98,30 +99,32 @@ void WriteValue(wxTextOutputStream& stream, const XMLAttribute& attribute) {
     }
 }
 
-// The replacement of a byte in attribute text, or null when it stays.
-const char* EscapeOf(unsigned char byte, bool charData) {
-    if (charData && (byte == 9 || byte == 10 || byte == 13 || byte == 34 || byte == 39))
+// The replacement of a character in attribute text, or null when it stays.
+// Only ASCII is ever replaced: in UTF-8 no other character has a byte below
+// 0x80, so this is the same rule on characters as on bytes.
+const wchar_t* EscapeOf(wxUint32 code, bool charData) {
+    if (charData && (code == 9 || code == 10 || code == 13 || code == 34 || code == 39))
         return nullptr;
-    switch (byte) {
+    switch (code) {
         case 9:
-            return "&#x9;";
+            return L"&#x9;";
         case 10:
-            return "&#xA;";
+            return L"&#xA;";
         case 13:
-            return "&#xD;";
+            return L"&#xD;";
         case 34:
-            return "&quot;";
+            return L"&quot;";
         case 38:
-            return "&amp;";
+            return L"&amp;";
         case 39:
-            return "&apos;";
+            return L"&apos;";
         case 60:
-            return "&lt;";
+            return L"&lt;";
         case 62:
-            return "&gt;";
+            return L"&gt;";
         default:
-            // XML can't carry other control bytes: they become U+FFFD.
-            return byte < 32 || byte == 127 ? "\xEF\xBF\xBD" : nullptr;
+            // XML can't carry other control characters: they become U+FFFD.
+            return code < 32 || code == 127 ? L"\xFFFD" : nullptr;
     }
 }
 
@@ -173,25 +176,23 @@ wxString XMLObject::toString() {
 }
 
 wxString XMLObject::QuoteString(const wxString& text, bool charData) {
-    if (text.empty())
-        return wxEmptyString;
-    const std::string bytes = text.utf8_string();
-    std::string quoted;
-    quoted.reserve(bytes.size());
-    bool replaced = false;
-    for (const char c : bytes) {
-        const char* escape = EscapeOf(static_cast<unsigned char>(c), charData);
-        if (escape == nullptr) {
-            quoted += c;
-            continue;
-        }
-        quoted += escape;
-        replaced = true;
+    const wxStringCharType* characters = text.wx_str();
+    const size_t length = text.length();
+    size_t clean = 0;
+    while (clean < length &&
+           EscapeOf(static_cast<wxUint32>(characters[clean]), charData) == nullptr)
+        ++clean;
+    if (clean == length)
+        return text;  // nothing to quote: the text itself
+    wxString quoted(characters, clean);
+    quoted.reserve(length + 16);
+    for (size_t i = clean; i < length; ++i) {
+        if (const wchar_t* escape = EscapeOf(static_cast<wxUint32>(characters[i]), charData))
+            quoted += escape;
+        else
+            quoted += characters[i];
     }
-    // Nothing to quote: the text itself.
-    if (!replaced)
-        return text;
-    return wxString::FromUTF8(quoted);
+    return quoted;
 }
 
 wxString XMLObject::Print(const wxArrayString& values, const char* separator) {
