@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <lua.hpp>
 
+#include "core/api/BoundClass.h"
 #include "core/api/MyMemoryOutputStream.h"
 #include "slb/Class.h"
 #include "slb/ClassInfo.h"
@@ -21,17 +22,6 @@ namespace {
 
 using SLB::FuncCall;
 using NoCopy = SLB::Instance::NoCopy;
-
-// The class of T in L's registry; raises the binder's error when T has none.
-template <class T>
-const SLB::ClassInfo* ClassOrRaise(lua_State* L) {
-    const SLB::Manager* manager = SLB::Manager::getInstance(L);
-    const SLB::ClassInfo* cls =
-        manager != nullptr ? manager->getClass(SLB::TypeID<T>::get()) : nullptr;
-    if (cls == nullptr)
-        luaL_error(L, "Unknown class %s", SLB::TypeID<T>::get().name());
-    return cls;
-}
 
 template <class T>
 T* SelfOrRaise(lua_State* L, const SLB::ClassInfo* cls) {

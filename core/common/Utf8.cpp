@@ -101,4 +101,13 @@ wxString UTF8ToNative(const wxString& text, bool doubleAmpersands) {
     return out;
 }
 
+wxString FromUTF8Lenient(const char* bytes, size_t length) {
+    wxString text = wxString::FromUTF8(bytes, length);
+    if (text.empty() && length > 0) {
+        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
+        text = wxString(bytes, lenient, length);
+    }
+    return text;
+}
+
 }  // namespace VeskCore

@@ -25,4 +25,8 @@ VESK_EXPORT bool isLegalUTF8String(const unsigned char* bytes, int length);
 // U+00FF (which can't be a raw byte), give the empty text.
 VESK_EXPORT wxString UTF8ToNative(const wxString& text, bool doubleAmpersands);
 
+// UTF-8 bytes as text for a reader (log lines, error messages): bytes that
+// are not UTF-8 appear as octal escapes instead of the whole text being lost.
+VESK_EXPORT wxString FromUTF8Lenient(const char* bytes, size_t length);
+
 }  // namespace VeskCore

@@ -10,6 +10,7 @@
 #include <lua.hpp>
 #include <new>
 
+#include "core/common/Utf8.h"
 #include "core/lua/ZipLoader.h"
 #include "core/runtime/LogTrace.h"
 #include "slb/Manager.h"
@@ -18,17 +19,6 @@ namespace VeskCore {
 namespace {
 
 constexpr const char* kMaskRegistryKey = "VeskCore::CLuaInterpreter::TraceMask";
-
-// Lua hands out UTF-8 as it was given; an error text with stray bytes should
-// still reach the reader, escaped, rather than vanish.
-wxString FromLuaText(const char* text, size_t length) {
-    wxString converted = wxString::FromUTF8(text, length);
-    if (converted.empty() && length > 0) {
-        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
-        converted = wxString(text, lenient, length);
-    }
-    return converted;
-}
 
 // True when `text` converts from UTF-8; print drops a piece that does not,
 // as the conversion to the local encoding always has.
@@ -120,7 +110,7 @@ void CLuaInterpreter::Collect() {
         size_t length = 0;
         const char* message = lua_tolstring(state, -1, &length);
         if (message != nullptr && !exited)
-            wxLogError(wxS("CLuaInterpreter: %s"), FromLuaText(message, length));
+            wxLogError(wxS("CLuaInterpreter: %s"), FromUTF8Lenient(message, length));
         lua_pop(state, 1);
     }
     if (chunkEnd->GetReason() != CLuaChunkEnd::Reason::None)
@@ -178,7 +168,7 @@ int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
         const char* message = lua_tostring(state, -1);
         if (message != nullptr) {
             wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d (%s)"), status,
-                       FromLuaText(message, strlen(message)));
+                       FromUTF8Lenient(message, strlen(message)));
         } else {
             wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d"), status);
         }
@@ -225,7 +215,7 @@ void CLuaInterpreter::KeepError(int status, wxOutputStream* output) {
         return;
     size_t length = 0;
     const char* message = lua_tolstring(state, -1, &length);
-    errorInfo = FromLuaText(message, length);
+    errorInfo = FromUTF8Lenient(message, length);
     if (output == nullptr)
         wxLogError(wxS("%s"), errorInfo);
 }

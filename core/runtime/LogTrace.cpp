@@ -10,6 +10,8 @@
 #include <ctime>
 #include <lua.hpp>
 
+#include "core/common/Utf8.h"
+
 namespace VeskCore {
 namespace {
 
@@ -115,17 +117,6 @@ size_t TrimPartialUtf8(const char* text, size_t length) {
     return length - (start - 1) < need ? start - 1 : length;
 }
 
-wxString LineToString(const char* line, size_t length) {
-    wxString text = wxString::FromUTF8(line, length);
-    if (text.empty() && length > 0) {
-        // Trace text can carry arbitrary bytes; keep them visible as escapes
-        // rather than losing the whole line to one invalid sequence.
-        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
-        text = wxString(line, lenient, length);
-    }
-    return text;
-}
-
 // wx holds back lines from threads without a target of their own until the
 // main thread flushes; trace lines must reach the host's target when written.
 // Off the main thread the active target (the thread's own, else the host's)
@@ -186,7 +177,7 @@ void LogTraceV(const char* mask, const char* format, va_list args) {
             length += written;
         }
     }
-    LogNow(wxLOG_Message, LineToString(line, length));
+    LogNow(wxLOG_Message, FromUTF8Lenient(line, length));
 }
 
 void LogTrace(const char* mask, const char* format, ...) {

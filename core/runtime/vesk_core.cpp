@@ -12,6 +12,7 @@
 
 #include <lua.hpp>
 
+#include "core/api/BoundClass.h"
 #include "core/api/VeskLua.h"
 #include "core/host/PlatformString.h"
 #include "core/http/OpenSslUtil.h"
@@ -47,16 +48,6 @@ struct Command {
     const char* name;
 };
 const Command commands[] = {{&GetHostInfo, "GetHostInfo"}};
-
-template <class T>
-const SLB::ClassInfo* ClassOrRaise(lua_State* L) {
-    const SLB::Manager* manager = SLB::Manager::getInstance(L);
-    const SLB::ClassInfo* cls =
-        manager != nullptr ? manager->getClass(SLB::TypeID<T>::get()) : nullptr;
-    if (cls == nullptr)
-        luaL_error(L, "Unknown class %s", SLB::TypeID<T>::get().name());
-    return cls;
-}
 
 template <class T>
 T* StreamArgument(lua_State* L, int index, const char* expected) {

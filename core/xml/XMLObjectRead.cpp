@@ -18,6 +18,7 @@
 #include "core/common/Scrub.h"
 #include "core/common/SecureString.h"
 #include "core/common/StringUtil.h"
+#include "core/common/Utf8.h"
 #include "core/runtime/LogTrace.h"
 #include "core/xml/XMLMemory.h"
 #include "core/xml/XMLObject.h"
@@ -43,17 +44,6 @@ namespace {
 
 constexpr int kChunk = 2048;
 
-// Parse text is UTF-8 from Expat; a context that is not (another encoding)
-// is still shown, with its odd bytes escaped.
-wxString TextOf(const char* bytes, size_t length) {
-    wxString text = wxString::FromUTF8(bytes, length);
-    if (text.empty() && length > 0) {
-        static const wxMBConvUTF8 lenient(wxMBConvUTF8::MAP_INVALID_UTF8_TO_OCTAL);
-        text = wxString(bytes, lenient, length);
-    }
-    return text;
-}
-
 // The text around the error on one line, columns kept: line ends become
 // blanks and tabs full stops.
 void LogContext(const char* context, int size) {
@@ -64,7 +54,7 @@ void LogContext(const char* context, int size) {
         else if (c == '\t')
             c = '.';
     }
-    wxLogError(wxS("%s"), TextOf(line.data(), line.size()));
+    wxLogError(wxS("%s"), FromUTF8Lenient(line.data(), line.size()));
 }
 
 void ReportParseFailure(XML_Parser parser, const char* chunk, int length) {
@@ -80,7 +70,7 @@ void ReportParseFailure(XML_Parser parser, const char* chunk, int length) {
         LogContext(context, size);
         wxLogError(wxS(" %*s-- ** error location **"), offset, wxS("^"));
     } else {
-        wxLogError(wxS("%s"), TextOf(chunk, static_cast<size_t>(std::max(length, 0))));
+        wxLogError(wxS("%s"), FromUTF8Lenient(chunk, static_cast<size_t>(std::max(length, 0))));
     }
 }
 
@@ -247,7 +237,7 @@ void XMLObject::XML_ParseError(XML_ParserStruct* parser, const char* format, ...
     va_start(args, format);
     vsnprintf(message, sizeof message, format, args);
     va_end(args);
-    wxLogError(wxS("%s"), TextOf(message, strlen(message)));
+    wxLogError(wxS("%s"), FromUTF8Lenient(message, strlen(message)));
     XML_SetElementHandler(parser, nullptr, nullptr);
     XML_SetCharacterDataHandler(parser, nullptr);
     XML_StopParser(parser, XML_FALSE);
