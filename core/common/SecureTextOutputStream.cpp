@@ -6,37 +6,7 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
-// Encodes one code point as UTF-8; what isn't a Unicode scalar value becomes
-// U+FFFD. Returns the number of bytes (1 to 4) written to `out`.
-size_t EncodeUtf8(wxUint32 code, char* out) {
-    if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-        code = 0xFFFD;
-    }
-    if (code < 0x80) {
-        out[0] = static_cast<char>(code);
-        return 1;
-    }
-    if (code < 0x800) {
-        out[0] = static_cast<char>(0xC0 | (code >> 6));
-        out[1] = static_cast<char>(0x80 | (code & 0x3F));
-        return 2;
-    }
-    if (code < 0x10000) {
-        out[0] = static_cast<char>(0xE0 | (code >> 12));
-        out[1] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-        out[2] = static_cast<char>(0x80 | (code & 0x3F));
-        return 3;
-    }
-    out[0] = static_cast<char>(0xF0 | (code >> 18));
-    out[1] = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-    out[2] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-    out[3] = static_cast<char>(0x80 | (code & 0x3F));
-    return 4;
-}
-
-}  // namespace
+#include "core/common/Utf8.h"
 
 void wxSecureTextOutputStream::WriteString(const wxString& text) {
     // wx's own UTF-8 conversion goes through temporary buffers that are freed
@@ -62,7 +32,7 @@ void wxSecureTextOutputStream::WriteString(const wxString& text) {
         } else if (code < 0x80) {
             block[used++] = static_cast<char>(code);
         } else {
-            used += EncodeUtf8(code, block + used);
+            used += VeskCore::EncodeUTF8Char(code, block + used);
         }
     }
     if (used != 0)

@@ -1,6 +1,11 @@
 #include "core/common/Utf8.h"
 
+#include <openssl/crypto.h>
+
+#include <memory>
 #include <string>
+
+#include "core/common/Scrub.h"
 
 namespace VeskCore {
 
@@ -108,6 +113,57 @@ wxString FromUTF8Lenient(const char* bytes, size_t length) {
         text = wxString(bytes, lenient, length);
     }
     return text;
+}
+
+size_t EncodeUTF8Char(wxUint32 code, char* out) {
+    if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+        code = 0xFFFD;
+    if (code < 0x80) {
+        out[0] = static_cast<char>(code);
+        return 1;
+    }
+    if (code < 0x800) {
+        out[0] = static_cast<char>(0xC0 | (code >> 6));
+        out[1] = static_cast<char>(0x80 | (code & 0x3F));
+        return 2;
+    }
+    if (code < 0x10000) {
+        out[0] = static_cast<char>(0xE0 | (code >> 12));
+        out[1] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+        out[2] = static_cast<char>(0x80 | (code & 0x3F));
+        return 3;
+    }
+    out[0] = static_cast<char>(0xF0 | (code >> 18));
+    out[1] = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+    out[2] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+    out[3] = static_cast<char>(0x80 | (code & 0x3F));
+    return 4;
+}
+
+void EncodeUTF8(const wxString& text, std::string& out) {
+    Scrub(out);
+    const wxStringCharType* characters = text.wx_str();
+    const size_t length = text.length();
+    char encoded[4];
+    size_t size = 0;
+    for (size_t i = 0; i < length; ++i)
+        size += EncodeUTF8Char(static_cast<wxUint32>(characters[i]), encoded);
+    out.reserve(size);
+    for (size_t i = 0; i < length; ++i)
+        out.append(encoded, EncodeUTF8Char(static_cast<wxUint32>(characters[i]), encoded));
+    OPENSSL_cleanse(encoded, sizeof encoded);
+}
+
+void DecodeUTF8(const char* bytes, size_t length, wxString& out) {
+    Scrub(out);
+    const size_t size = wxConvUTF8.ToWChar(nullptr, 0, bytes, length);
+    if (size == wxCONV_FAILED || size == 0)
+        return;
+    std::unique_ptr<wchar_t[]> wide(new wchar_t[size]);
+    const size_t converted = wxConvUTF8.ToWChar(wide.get(), size, bytes, length);
+    if (converted != wxCONV_FAILED)
+        out.assign(wide.get(), converted);
+    OPENSSL_cleanse(wide.get(), size * sizeof(wchar_t));
 }
 
 }  // namespace VeskCore

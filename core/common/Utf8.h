@@ -6,6 +6,8 @@
 
 #include <wx/string.h>
 
+#include <string>
+
 #include "core/common/Export.h"
 
 namespace VeskCore {
@@ -24,6 +26,19 @@ VESK_EXPORT bool isLegalUTF8String(const unsigned char* bytes, int length);
 // `doubleAmpersands`. Bytes that aren't valid UTF-8, or a character above
 // U+00FF (which can't be a raw byte), give the empty text.
 VESK_EXPORT wxString UTF8ToNative(const wxString& text, bool doubleAmpersands);
+
+// Conversions for text that may be a secret. wx's own conversions cache the
+// bytes inside the string and leave temporaries in freed memory; these make
+// one buffer the caller can wipe (Scrub) and wipe their own.
+//
+// One character as UTF-8 into out[0..3]; what is not a Unicode scalar value
+// becomes U+FFFD. Returns the number of bytes.
+VESK_EXPORT size_t EncodeUTF8Char(wxUint32 code, char* out);
+// `out` = the UTF-8 of `text`, in a buffer allocated once at its final size.
+VESK_EXPORT void EncodeUTF8(const wxString& text, std::string& out);
+// `out` = the text of the bytes, or empty when they are not UTF-8. Whatever
+// `out` held before is wiped.
+VESK_EXPORT void DecodeUTF8(const char* bytes, size_t length, wxString& out);
 
 // UTF-8 bytes as text for a reader (log lines, error messages): bytes that
 // are not UTF-8 appear as octal escapes instead of the whole text being lost.

@@ -1,5 +1,6 @@
 #include "core/xml/SqlHashAggregate.h"
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include "core/http/OpenSslUtil.h"
@@ -12,16 +13,21 @@ EVP_MD_CTX** StateOf(wxSQLite3FunctionContext& context) {
     return static_cast<EVP_MD_CTX**>(context.GetAggregateStruct(sizeof(EVP_MD_CTX*)));
 }
 
+// An unknown digest name leaves the state empty, so the result is NULL, and
+// leaves no error behind on the thread's queue for a later message to quote.
 void Begin(wxSQLite3FunctionContext& context, EVP_MD_CTX*& digest) {
     const std::string name = context.GetString(1, wxS("sha1")).utf8_string();
-    digest = EVP_MD_CTX_new();
-    if (digest != nullptr)
-        EVP_DigestInit_ex(digest, EVP_get_digestbyname(name.c_str()), nullptr);
+    ERR_set_mark();
+    const EVP_MD* method = EVP_get_digestbyname(name.c_str());
+    digest = method != nullptr ? EVP_MD_CTX_new() : nullptr;
+    if (digest != nullptr && EVP_DigestInit_ex(digest, method, nullptr) != 1) {
+        EVP_MD_CTX_free(digest);
+        digest = nullptr;
+    }
+    ERR_pop_to_mark();
 }
 
-}  // namespace
-
-void CSqlHashAggregate::Aggregate(wxSQLite3FunctionContext& context) {
+void Step(wxSQLite3FunctionContext& context) {
     EVP_MD_CTX** state = StateOf(context);
     if (state == nullptr || context.GetArgCount() != 2)
         return;
@@ -31,7 +37,7 @@ void CSqlHashAggregate::Aggregate(wxSQLite3FunctionContext& context) {
         VeskCore::EVP_DigestUpdate(*state, context.GetString(0, wxEmptyString));
 }
 
-void CSqlHashAggregate::Finalize(wxSQLite3FunctionContext& context) {
+void Finish(wxSQLite3FunctionContext& context) {
     EVP_MD_CTX** state = StateOf(context);
     if (state == nullptr)
         return;
@@ -49,6 +55,27 @@ void CSqlHashAggregate::Finalize(wxSQLite3FunctionContext& context) {
     wxMemoryBuffer digest;
     digest.AppendData(bytes, length);
     context.SetResult(digest);
+}
+
+// An exception (memory running out) must not cross SQLite's C frames: it
+// becomes the statement's error.
+template <class Work>
+void Guarded(wxSQLite3FunctionContext& context, Work work) {
+    try {
+        work(context);
+    } catch (const std::exception& error) {
+        context.SetResultError(wxString::FromUTF8(error.what()));
+    }
+}
+
+}  // namespace
+
+void CSqlHashAggregate::Aggregate(wxSQLite3FunctionContext& context) {
+    Guarded(context, Step);
+}
+
+void CSqlHashAggregate::Finalize(wxSQLite3FunctionContext& context) {
+    Guarded(context, Finish);
 }
 
 }  // namespace VeskCore

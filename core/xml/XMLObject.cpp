@@ -160,10 +160,14 @@ XMLAttribute* XMLObject::FindAttribute(const wxString& name) {
 }
 
 bool XMLObject::SetAttribute(const wxString& name, const wxString& value) {
+    XMLAttribute* attribute = FindAttribute(name);
+    // A secret's text goes neither to the trace nor through wx's conversion,
+    // which would leave a copy in the string.
     if (LogTraceIsEnabled("XML"))
         LogTrace("XML", "XMLObject::SetAttribute() - '%s' -> '%.64s'", name.utf8_string().c_str(),
-                 value.utf8_string().c_str());
-    XMLAttribute* attribute = FindAttribute(name);
+                 attribute != nullptr && attribute->m_type == PT_SECURE_STRING
+                     ? "********"
+                     : value.utf8_string().c_str());
     if (attribute == nullptr) {
         OnUnhandledAttribute(name, value);
         return true;  // unknown attributes never fail a parse

@@ -51,7 +51,66 @@ class VESK_EXPORT XMLObject {
     XMLObject(bool collectsText, bool strict);
     XMLObject(const XMLObject&) = delete;
     XMLObject& operator=(const XMLObject&) = delete;
+
+    // The virtual functions are declared in the order of their table slots,
+    // which hosts built against the library rely on; the groups below them
+    // are not virtual.
     virtual ~XMLObject();
+    virtual void AddChild(XMLObject* child);
+    // Calls back for each attribute in map order, or each child in list
+    // order; stops at the first false and returns false.
+    virtual bool EnumAttributes(bool (*callback)(const XMLObject* object, const char* name,
+                                                 _PrimitiveType type, const void* member,
+                                                 void* userData),
+                                void* userData) const;
+    virtual bool EnumChildObjects(bool (*callback)(const XMLObject* object, const XMLObject* child,
+                                                   void* userData),
+                                  void* userData) const;
+    virtual wxString GetElementName() const { return wxS("-BaseXmlObject-"); }
+    virtual bool HasChildElements() const { return m_children.GetCount() != 0; }
+    virtual bool IsCollection() const { return false; }
+    virtual void PrintAttributes(wxTextOutputStream& stream) const;
+    virtual void PrintChildElements(wxTextOutputStream& stream, unsigned int indent) const;
+    virtual void SetToDefaults();
+    // Pushes {tag = name, [1] = text, attr = {name = "value", ..., [i] =
+    // name}, children...}; returns 1.
+    virtual int toLua(lua_State* L) const;
+    // Indented XML, tabs per level, no declaration; values equal to their
+    // default are left out.
+    virtual wxOutputStream& ToXML(wxOutputStream& stream, unsigned int indent);
+    virtual wxTextOutputStream& ToXML(wxTextOutputStream& stream, unsigned int indent);
+    // Statements over the table GetElementName() + "s"; `databaseName` (may
+    // be null) prefixes it. Load, update and delete need a primary key and
+    // throw wxSQLite3Exception (code -1) without one.
+    virtual wxString GetSQLDeleteStatement(const char* databaseName) const;
+    virtual wxString GetSQLInsertStatement(const char* databaseName) const;
+    virtual wxString GetSQLLoadStatement(const char* databaseName) const;
+    virtual wxString GetSQLUpdateStatement(const char* databaseName) const;
+    // Return the rows changed; an insert whose key is null reads the new row
+    // id into it. Database errors are thrown as wxSQLite3Exception.
+    virtual int SQLDelete(wxSQLite3Database& db, const char* databaseName) const;
+    virtual int SQLDelete(wxSQLite3Statement& statement) const;
+    virtual int SQLInsert(wxSQLite3Database& db, const char* databaseName);
+    virtual int SQLInsert(wxSQLite3Statement& statement);
+    // Loads the row of the record's primary key (none: the defaults).
+    virtual bool SQLLoad(wxSQLite3Database& db, const char* databaseName);
+    // Loads the current row of `results` into this record.
+    virtual bool SQLLoad(wxSQLite3ResultSet& results);
+    virtual int SQLUpdate(wxSQLite3Database& db, const char* databaseName) const;
+    virtual int SQLUpdate(wxSQLite3Statement& statement) const;
+    // Brings derived attributes up to date before the record is written.
+    virtual void BeforePrint() {}
+    // Deletes the children held (which must then be on the heap).
+    virtual void DeleteChildren();
+    virtual XMLObject* ElementNameMatches(const wxString& name);
+    // Run when an element's attributes were applied, and when it closes (both
+    // also after an SQL load); false aborts the parse or load.
+    virtual bool EndAttributes() { return true; }
+    virtual bool EndElement() { return true; }
+    virtual XMLObject* FindChildElement(const wxString& name);
+    virtual void OnUnhandledAttribute(const wxString& name, const wxString& value);
+    virtual void OnUnhandledChildElement(const wxString& name);
+    virtual bool SetAttribute(const wxString& name, const wxString& value);
 
     // --- The attribute table ---------------------------------------------
     // A name registered twice keeps its first member. A null name is "".
@@ -79,16 +138,6 @@ class VESK_EXPORT XMLObject {
     bool AttributeWasParsed(const void* member) const;
     bool ElementWasSeen() const { return m_elementSeen; }
 
-    // Calls back for each attribute in map order, or each child in list
-    // order; stops at the first false and returns false.
-    bool EnumAttributes(bool (*callback)(const XMLObject* object, const char* name,
-                                         _PrimitiveType type, const void* member, void* userData),
-                        void* userData) const;
-    bool EnumChildObjects(bool (*callback)(const XMLObject* object, const XMLObject* child,
-                                           void* userData),
-                          void* userData) const;
-
-    virtual void AddChild(XMLObject* child);
     // A copy through XML: what XML doesn't carry is not copied.
     XMLObject& CopyFrom(XMLObject& source);
 
@@ -112,10 +161,6 @@ class VESK_EXPORT XMLObject {
     static bool Parse(const wxString& value, _GUID& out);
 
     // --- Writing (XML) ---------------------------------------------------
-    // Indented XML, tabs per level, no declaration; values equal to their
-    // default are left out.
-    virtual wxOutputStream& ToXML(wxOutputStream& stream, unsigned int indent);
-    virtual wxTextOutputStream& ToXML(wxTextOutputStream& stream, unsigned int indent);
     wxString toString();
     static wxString QuoteString(const wxString& text, bool charData);
     static wxString QuoteAttribute(const wxString& text) { return QuoteString(text, false); }
@@ -123,54 +168,6 @@ class VESK_EXPORT XMLObject {
     // The entries joined by the separator's first character (default ',')
     // and a blank.
     static wxString Print(const wxArrayString& values, const char* separator);
-
-    // --- SQL -------------------------------------------------------------
-    // Statements over the table GetElementName() + "s"; `databaseName` (may
-    // be null) prefixes it. Load, update and delete need a primary key and
-    // throw wxSQLite3Exception (code -1) without one.
-    virtual wxString GetSQLDeleteStatement(const char* databaseName) const;
-    virtual wxString GetSQLInsertStatement(const char* databaseName) const;
-    virtual wxString GetSQLLoadStatement(const char* databaseName) const;
-    virtual wxString GetSQLUpdateStatement(const char* databaseName) const;
-    // Return the rows changed; an insert whose key is null reads the new row
-    // id into it. Database errors are thrown as wxSQLite3Exception.
-    virtual int SQLDelete(wxSQLite3Database& db, const char* databaseName) const;
-    virtual int SQLDelete(wxSQLite3Statement& statement) const;
-    virtual int SQLInsert(wxSQLite3Database& db, const char* databaseName);
-    virtual int SQLInsert(wxSQLite3Statement& statement);
-    // Loads the row of the record's primary key (none: the defaults).
-    virtual bool SQLLoad(wxSQLite3Database& db, const char* databaseName);
-    // Loads the current row of `results` into this record.
-    virtual bool SQLLoad(wxSQLite3ResultSet& results);
-    virtual int SQLUpdate(wxSQLite3Database& db, const char* databaseName) const;
-    virtual int SQLUpdate(wxSQLite3Statement& statement) const;
-
-    // --- Lua -------------------------------------------------------------
-    // Pushes {tag = name, [1] = text, attr = {name = "value", ..., [i] =
-    // name}, children...}; returns 1.
-    virtual int toLua(lua_State* L) const;
-
-    // --- Structure and hooks ----------------------------------------------
-    virtual wxString GetElementName() const { return wxS("-BaseXmlObject-"); }
-    virtual bool HasChildElements() const { return m_children.GetCount() != 0; }
-    virtual bool IsCollection() const { return false; }
-    virtual void SetToDefaults();
-    // Brings derived attributes up to date before the record is written.
-    virtual void BeforePrint() {}
-    // Deletes the children held (which must then be on the heap).
-    virtual void DeleteChildren();
-    // Run when an element's attributes were applied, and when it closes (both
-    // also after an SQL load); false aborts the parse or load.
-    virtual bool EndAttributes() { return true; }
-    virtual bool EndElement() { return true; }
-    virtual XMLObject* ElementNameMatches(const wxString& name);
-    virtual XMLObject* FindChildElement(const wxString& name);
-    virtual void OnUnhandledAttribute(const wxString& name, const wxString& value);
-    virtual void OnUnhandledChildElement(const wxString& name);
-    virtual bool SetAttribute(const wxString& name, const wxString& value);
-
-    virtual void PrintAttributes(wxTextOutputStream& stream) const;
-    virtual void PrintChildElements(wxTextOutputStream& stream, unsigned int indent) const;
 
     const XMLObjectPtrList& GetChildren() const { return m_children; }
     const wxString& GetText() const { return m_text; }
@@ -202,6 +199,9 @@ class VESK_EXPORT XMLObject {
                              XML_ParserStruct* parser);
     void EndElementHandler(const wxString& name, XML_ParserStruct* parser);
     void CharacterDataHandler(const wxString& text);
+    template <class Work>
+    static void Guarded(void* parser, Work work);
+    void DestroyPlaceholders();
     void Register(const char* name, const XMLAttribute& attribute);
     XMLAttribute* FindByMember(const void* member);
     const XMLAttribute* PrimaryKey(bool last, wxString* name) const;

@@ -39,12 +39,12 @@ class VESK_EXPORT XMLObjectList : public XMLObject {
 
     virtual wxString ChildElementName() const = 0;
     virtual XMLObject* CreateListElement() const = 0;
-    // The list's table: select * from [GetElementName()].
-    bool SQLLoad(wxSQLite3Database& db);
     // The first child's statement, prepared once for all; 0 without children.
-    int SQLDelete(wxSQLite3Database& db) const;
-    int SQLInsert(wxSQLite3Database& db);
-    int SQLUpdate(wxSQLite3Database& db) const;
+    virtual int SQLDelete(wxSQLite3Database& db) const;
+    virtual int SQLInsert(wxSQLite3Database& db);
+    // The list's table: select * from [GetElementName()].
+    virtual bool SQLLoad(wxSQLite3Database& db);
+    virtual int SQLUpdate(wxSQLite3Database& db) const;
 
     XMLObjectPtrList& Children() { return m_children; }
     const XMLObjectPtrList& Children() const { return m_children; }

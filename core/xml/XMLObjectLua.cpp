@@ -4,29 +4,81 @@
 #include <wx/arrstr.h>
 #include <wx/log.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <lua.hpp>
+#include <string>
 
 #include "core/common/SecureString.h"
+#include "core/common/Utf8.h"
 #include "core/xml/XMLObject.h"
+#include "core/xml/XMLText.h"
 
 namespace VeskCore {
 namespace {
 
+// A Lua memory error is a longjmp here (the C build of Lua): it would skip
+// the destructor of any C++ object alive across a Lua call that can raise.
+// So text goes to Lua through Lua's own buffer, and nothing on the heap is
+// held while Lua allocates.
+
+// Pushes the UTF-8 of `text` up to its first NUL, as lua_pushstring would.
 void PushText(lua_State* L, const wxString& text) {
-    const std::string bytes = text.utf8_string();
-    lua_pushlstring(L, bytes.data(), bytes.size());
+    luaL_Buffer buffer;
+    luaL_buffinit(L, &buffer);
+    const wxStringCharType* characters = text.wx_str();
+    for (size_t i = 0, length = text.length(); i < length && characters[i] != 0; ++i) {
+        char* at = luaL_prepbuffsize(&buffer, 4);
+        luaL_addsize(&buffer, EncodeUTF8Char(static_cast<wxUint32>(characters[i]), at));
+    }
+    luaL_pushresult(&buffer);
 }
 
+// GetElementName() gives a temporary: its text is copied out, and the string
+// gone, before Lua allocates.
+void PushElementName(lua_State* L, const XMLObject& record) {
+    char copy[128];
+    size_t length = 0;
+    {
+        const std::string name = record.GetElementName().utf8_string();
+        length = name.size();
+        if (length <= sizeof copy)
+            memcpy(copy, name.data(), length);
+    }
+    if (length <= sizeof copy) {
+        lua_pushlstring(L, copy, strnlen(copy, length));
+        return;
+    }
+    auto* block = static_cast<char*>(lua_newuserdata(L, length));  // a name of unusual length
+    {
+        const std::string name = record.GetElementName().utf8_string();
+        memcpy(block, name.data(), std::min(length, name.size()));
+    }
+    lua_pushlstring(L, block, strnlen(block, length));
+    lua_remove(L, -2);
+}
+
+int PushPlainText(lua_State* L) {
+    lua_pushstring(L, static_cast<const char*>(lua_touserdata(L, 1)));
+    return 1;
+}
+
+// The plain text exists only while it is pushed, inside a protected call, so
+// that it is wiped and freed even when Lua runs out of memory.
 void PushSecret(lua_State* L, const wxSecureString& secret) {
+    lua_pushcfunction(L, PushPlainText);
     char* plain = nullptr;
     size_t length = 0;
     secret.getContentsUtf8(plain, length, false);
-    lua_pushstring(L, plain != nullptr ? plain : "");
+    lua_pushlightuserdata(L, plain != nullptr ? plain : const_cast<char*>(""));
+    const int status = lua_pcall(L, 1, 1, 0);
     if (plain != nullptr) {
         OPENSSL_cleanse(plain, length);
         free(plain);
     }
+    if (status != LUA_OK)
+        lua_error(L);
 }
 
 bool EqualsDefault(const XMLAttribute& attribute) {
@@ -42,8 +94,8 @@ bool EqualsDefault(const XMLAttribute& attribute) {
                    attribute.m_default.integer64;
         case PT_STRING:
             return attribute.m_default.text != nullptr &&
-                   *static_cast<const wxString*>(attribute.m_value) ==
-                       wxString::FromUTF8(attribute.m_default.text);
+                   EqualsUTF8(*static_cast<const wxString*>(attribute.m_value),
+                              attribute.m_default.text);
         default:
             return false;
     }
@@ -51,7 +103,7 @@ bool EqualsDefault(const XMLAttribute& attribute) {
 
 // Pushes the attribute's value (+1), or nothing when it is left out.
 void PushValue(lua_State* L, const wxString& name, const XMLAttribute& attribute,
-               const wxString& element) {
+               const XMLObject& record) {
     if (EqualsDefault(attribute))
         return;
     switch (attribute.m_type) {
@@ -99,16 +151,16 @@ void PushValue(lua_State* L, const wxString& name, const XMLAttribute& attribute
         default:
             wxLogWarning(wxS("Unhandled XMLObject attribute type for attribute '%s' of element "
                              "<%s>"),
-                         name, element);
+                         name, record.GetElementName());
     }
 }
 
 }  // namespace
 
 int XMLObject::toLua(lua_State* L) const {
-    const wxString element = GetElementName();
+    luaL_checkstack(L, 8, "record tree too deep");
     lua_createtable(L, 0, 2);  // +1, the record
-    PushText(L, element);
+    PushElementName(L, *this);
     lua_setfield(L, -2, "tag");
     int index = 0;
     if (!m_text.empty()) {
@@ -119,14 +171,15 @@ int XMLObject::toLua(lua_State* L) const {
     int attributes = 0;
     for (const auto& entry : *m_attributes) {
         const int top = lua_gettop(L);
-        PushValue(L, entry.first, entry.second, element);
+        PushValue(L, entry.first, entry.second, *this);
         if (lua_gettop(L) == top)
             continue;
         luaL_tolstring(L, -1, nullptr);  // every value becomes text
         lua_remove(L, -2);
-        const std::string name = entry.first.utf8_string();
-        lua_setfield(L, -2, name.c_str());
-        lua_pushlstring(L, name.data(), name.size());
+        PushText(L, entry.first);
+        lua_insert(L, -2);
+        lua_settable(L, -3);  // attr[name] = text
+        PushText(L, entry.first);
         lua_rawseti(L, -2, ++attributes);
     }
     lua_setfield(L, -2, "attr");

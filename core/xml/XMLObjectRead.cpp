@@ -126,29 +126,52 @@ int XMLObject::FromXML(wxInputStream& stream, const char* namespaceSeparator) {
             break;
     }
     XML_ParserFree(parser);
-    DestroyTempObjects();
+    // Unknown elements hang their placeholders on whichever record was
+    // current, children included: all of them go now.
+    DestroyPlaceholders();
     return result;
 }
 
-void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
+// Runs a handler's work; an exception (memory running out) must not cross
+// Expat's C frames, so it stops the parse instead.
+template <class Work>
+void XMLObject::Guarded(void* parser, Work work) {
     auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
-    if (record != nullptr)
-        record->StartElementHandler(TextFromUTF8(name), attributes,
-                                    static_cast<XML_Parser>(parser));
+    if (record == nullptr)
+        return;
+    try {
+        work(*record, static_cast<XML_Parser>(parser));
+    } catch (const std::exception& error) {
+        record->XML_ParseError(static_cast<XML_Parser>(parser), "Aborting parsing: %s",
+                               error.what());
+    }
+}
+
+void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
+    Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
+        record.StartElementHandler(TextFromUTF8(name), attributes, expat);
+    });
 }
 
 void XMLObject::XML_EndElementHandler(void* parser, const char* name) {
-    auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
-    if (record != nullptr)
-        record->EndElementHandler(TextFromUTF8(name), static_cast<XML_Parser>(parser));
+    Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
+        record.EndElementHandler(TextFromUTF8(name), expat);
+    });
 }
 
 void XMLObject::XML_CharacterDataHandler(void* parser, const char* text, int length) {
-    auto* record = static_cast<XMLObject*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
     // Most records keep no text: the blanks between their elements are not
     // worth converting.
-    if (record != nullptr && record->m_collectsText)
-        record->CharacterDataHandler(TextFromUTF8(text, static_cast<size_t>(length)));
+    Guarded(parser, [&](XMLObject& record, XML_Parser) {
+        if (record.m_collectsText)
+            record.CharacterDataHandler(TextFromUTF8(text, static_cast<size_t>(length)));
+    });
+}
+
+void XMLObject::DestroyPlaceholders() {
+    for (XMLObject* child : m_children)
+        child->DestroyPlaceholders();
+    DestroyTempObjects();
 }
 
 void XMLObject::SetParent(XMLObject* parent, XML_ParserStruct* parser) {
@@ -281,7 +304,8 @@ bool XMLObject::Parse(const wxString& value, wxString& out) {
 }
 
 bool XMLObject::Parse(const wxString& value, wxSecureString& out) {
-    std::string bytes = value.utf8_string();
+    std::string bytes;
+    EncodeUTF8(value, bytes);
     out.assign(bytes.c_str());
     Scrub(bytes);
     return true;

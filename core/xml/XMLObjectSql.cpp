@@ -43,9 +43,8 @@ void BindSecret(wxSQLite3Statement& statement, int position, const wxSecureStrin
         statement.BindNull(position);
         return;
     }
-    wxString text = wxString::FromUTF8(plain, length);
-    statement.Bind(position, text);
-    Scrub(text);
+    // As bytes: a wxString would keep a converted copy that no wipe reaches.
+    statement.Bind(position, static_cast<const char*>(plain));
     OPENSSL_cleanse(plain, length);
     free(plain);
 }
@@ -308,10 +307,16 @@ bool XMLObject::SQLLoad(wxSQLite3ResultSet& results) {
                               ? wxString::FromUTF8(attribute.m_default.text)
                               : wxString());
                 break;
-            case PT_SECURE_STRING:
-                static_cast<wxSecureString*>(attribute.m_value)
-                    ->assign(results.GetString(name, wxString()).utf8_string().c_str());
+            case PT_SECURE_STRING: {
+                // The column's bytes, not its text: every conversion would
+                // leave a copy of the secret behind.
+                int length = 0;
+                const unsigned char* bytes = results.GetBlob(name, length);
+                std::string plain(reinterpret_cast<const char*>(bytes), bytes ? length : 0);
+                static_cast<wxSecureString*>(attribute.m_value)->assign(plain.c_str());
+                Scrub(plain);
                 break;
+            }
             case PT_STRING_ARRAY:
                 Parse(results.GetString(name, wxEmptyString),
                       *static_cast<wxArrayString*>(attribute.m_value), attribute.m_default.text);

@@ -14,6 +14,7 @@
 #include "core/common/SecureTextOutputStream.h"
 #include "core/common/StreamUtil.h"
 #include "core/common/StringUtil.h"
+#include "core/common/Utf8.h"
 #include "core/xml/XMLObject.h"
 #include "core/xml/XMLObjectList.h"
 #include "core/xml/XMLText.h"
@@ -59,7 +60,8 @@ void WriteSecret(wxTextOutputStream& stream, const wxSecureString& secret) {
     secret.getContentsUtf8(plain, length, false);
     if (plain == nullptr)
         return;
-    wxString text = wxString::FromUTF8(plain, length);
+    wxString text;
+    DecodeUTF8(plain, length, text);
     stream << text;
     Scrub(text);
     OPENSSL_cleanse(plain, length);

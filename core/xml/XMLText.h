@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "core/common/Scrub.h"
+#include "core/common/Utf8.h"
 
 namespace VeskCore {
 
@@ -46,8 +47,7 @@ inline void AssignUTF8(wxString& out, const char* bytes, size_t length) {
     if (length > out.capacity())
         Scrub(out);
     if (length > sizeof wide / sizeof *wide || !IsAscii(bytes, length)) {
-        Scrub(out);
-        out = wxString::FromUTF8(bytes, length);
+        DecodeUTF8(bytes, length, out);
         return;
     }
     for (size_t i = 0; i < length; ++i)
