@@ -51,6 +51,18 @@ inline std::string ToolOutput(const std::string& command) {
     return out;
 }
 
+// How many of the characters [from, to) of `was` still stand in `block`, whose characters
+// are `width` bytes wide (the low byte compared). The heap may have taken the block back:
+// reading it is the point. glibc keeps its bookkeeping in a freed block's first 16 bytes.
+__attribute__((no_sanitize("address", "thread"), noinline)) inline size_t BytesLeft(
+    const void* block, const char* was, size_t from, size_t to, size_t width = 1) {
+    const volatile unsigned char* bytes = static_cast<const volatile unsigned char*>(block);
+    size_t left = 0;
+    for (size_t i = from; i < to; ++i)
+        left += bytes[i * width] == static_cast<unsigned char>(was[i]);
+    return left;
+}
+
 inline std::string RandomBytes(size_t size, unsigned seed) {
     std::mt19937 generator(seed);
     std::string bytes(size, '\0');

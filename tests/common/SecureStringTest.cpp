@@ -12,6 +12,7 @@
 #include "core/common/Scrub.h"
 #include "core/common/SecureString.h"
 #include "core/common/SecureTextOutputStream.h"
+#include "tests/common/CommonTestSupport.h"
 
 using VeskCore::Scrub;
 
@@ -27,18 +28,9 @@ const char* StoredBytes(const wxSecureString& s) {
     return *reinterpret_cast<const char* const*>(&s);
 }
 
-// How many of the kLength characters of `was`, from the 16th on, still stand in `block`
-// (whose characters are `width` bytes wide), which the heap may have taken
-// back: reading it is the point. The allocator keeps its bookkeeping in the
-// first 16 bytes of a freed block.
-__attribute__((no_sanitize("address", "thread"), noinline)) size_t Left(const void* block,
-                                                                        const char* was,
-                                                                        size_t width = 1) {
-    const volatile unsigned char* bytes = static_cast<const volatile unsigned char*>(block);
-    size_t left = 0;
-    for (size_t i = (16 + width - 1) / width; i < kLength; ++i)
-        left += bytes[i * width] == static_cast<unsigned char>(was[i]);
-    return left;
+// How many of the characters of `was`, past the allocator's bookkeeping, still stand in `block`.
+size_t Left(const void* block, const char* was, size_t width = 1) {
+    return VeskTest::BytesLeft(block, was, (16 + width - 1) / width, kLength, width);
 }
 
 TEST(SecureStringTest, ContentsAreScrambledAtRestAndReadBackPlain) {

@@ -10,17 +10,6 @@ using namespace VeskTest;
 
 namespace {
 
-// How many of bytes [from, to) of `block`, which the heap may have taken back, equal those of
-// `was`: reading it is the point. glibc's bookkeeping takes a freed block's first 16 bytes.
-__attribute__((no_sanitize("address", "thread"), noinline)) size_t Left(const void* block,
-                                                                        const std::string& was,
-                                                                        size_t from, size_t to) {
-    size_t left = 0;
-    for (size_t i = from; i < to; ++i)
-        left += static_cast<const volatile char*>(block)[i] == was[i];
-    return left;
-}
-
 TEST(OpenSslAllocatorTest, BlocksAreMarkedNeverGrowInPlaceAndAreWipedFromTheHeader) {
     // From the header on: the size asked for, the marker, then data without zeros (a wipe's).
     std::string was("\x40\0\0\0\xA7\xF1\x0E\x5C", 8);
@@ -28,15 +17,16 @@ TEST(OpenSslAllocatorTest, BlocksAreMarkedNeverGrowInPlaceAndAreWipedFromTheHead
         was += c;
     EXPECT_TRUE(SecureAllocatorInForce());
     auto* fromOpenSsl = static_cast<char*>(OPENSSL_malloc(64));
-    EXPECT_EQ(Left(fromOpenSsl - 8, was, 0, 8), 8u);
+    EXPECT_EQ(BytesLeft(fromOpenSsl - 8, was.data(), 0, 8), 8u);
     OPENSSL_free(fromOpenSsl);
 
     auto* block = static_cast<char*>(Secure_Realloc(nullptr, 64, __FILE__, __LINE__));
-    EXPECT_EQ(Left(block - 8, was, 0, 8), 8u);
+    EXPECT_EQ(BytesLeft(block - 8, was.data(), 0, 8), 8u);
     memcpy(block, was.data() + 8, 64);
     auto* grown = static_cast<char*>(Secure_Realloc(block, 200, __FILE__, __LINE__));
-    EXPECT_EQ(Left(block - 8, was, 16, 64), 0u);  // wiped over the stored size, which leaves
-    EXPECT_EQ(Left(block - 8, was, 64, 72), 8u);  // the last 8 bytes as they were
+    // Wiped over the stored size, which leaves the last 8 bytes as they were.
+    EXPECT_EQ(BytesLeft(block - 8, was.data(), 16, 64), 0u);
+    EXPECT_EQ(BytesLeft(block - 8, was.data(), 64, 72), 8u);
     EXPECT_EQ(std::string(grown, 64), was.substr(8));
     EXPECT_EQ(Secure_Realloc(grown, 0, __FILE__, __LINE__), nullptr);
 
@@ -45,7 +35,7 @@ TEST(OpenSslAllocatorTest, BlocksAreMarkedNeverGrowInPlaceAndAreWipedFromTheHead
     EXPECT_EQ(Secure_Realloc(foreign, 100, __FILE__, __LINE__), nullptr);
     EXPECT_EQ(std::string(foreign, 64), was.substr(0, 64));  // still allocated
     Secure_Free(foreign, __FILE__, __LINE__);
-    EXPECT_EQ(Left(foreign, was, 16, 64), 48u);
+    EXPECT_EQ(BytesLeft(foreign, was.data(), 16, 64), 48u);
 }
 
 TEST(OpenSslTextTest, ErrorsAndDigestsOfText) {

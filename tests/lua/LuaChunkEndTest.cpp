@@ -55,17 +55,12 @@ TEST_F(NativeException, ReachesTheCallerOfRunScriptThroughPcallAndCoroutines) {
          {"SLB.test.throw('plain')", "pcall(SLB.test.throw, 'plain') reached = true",
           "local co = coroutine.wrap(function() pcall(SLB.test.throw, 'plain') end) pcall(co) "
           "reached = true"}) {
-        EXPECT_THROW(
-            {
-                try {
-                    Run(source);
-                } catch (const std::runtime_error& e) {
-                    EXPECT_STREQ(e.what(), "plain");
-                    throw;
-                }
-            },
-            std::runtime_error)
-            << source;
+        try {
+            Run(source);
+            ADD_FAILURE() << "no exception from " << source;
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "plain") << source;
+        }
         lua_getglobal(lua.L(), "reached");
         EXPECT_TRUE(lua_isnil(lua.L(), -1)) << source;
         lua_pop(lua.L(), 1);
@@ -77,10 +72,6 @@ TEST_F(NativeException, ReachesTheCallerOfRunScriptThroughPcallAndCoroutines) {
 
 TEST_F(NativeException, AnyThrownTypePassesAndTheStateStaysUsable) {
     EXPECT_THROW(Run("SLB.test.throw('int')"), int);
-    EXPECT_EQ(Run("x = 1 + 1"), 0);
-    lua_getglobal(lua.L(), "x");
-    EXPECT_EQ(lua_tointeger(lua.L(), -1), 2);
-    lua_pop(lua.L(), 1);
     // The standing print is back: no stream is left behind in it.
     EXPECT_EQ(Run("print('after')"), 0);
     EXPECT_TRUE(log.Contains(" after"));

@@ -5,9 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "slb/SLB.h"
-#include "tests/slb/Examples.h"
-#include "tests/slb/LuaState.h"
+#include "tests/slb/BinderTest.h"
 
 namespace slbtest {
 namespace {

@@ -7,18 +7,17 @@
 #include <wx/string.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 
-namespace SLB {
-class Manager;
-}
+#include "slb/SLB.h"
 
 namespace slbtest {
 
 // Live objects of the counted classes, for ownership checks.
 struct Lifetime {
-    static std::atomic<int> constructed;
-    static std::atomic<int> destroyed;
+    static inline std::atomic<int> constructed{0};
+    static inline std::atomic<int> destroyed{0};
     static void reset() { constructed = destroyed = 0; }
 };
 
@@ -43,8 +42,11 @@ class Square : public Shape {
     int area() const override { return side_ * side_; }
     std::string kind() const override { return "square"; }
     // Objects owned by native code, pushed by pointer.
-    static Square* unit();
-    static const Square* unitConst();
+    static Square* unit() {
+        static Square* const kUnit = new Square(1);
+        return kUnit;
+    }
+    static const Square* unitConst() { return unit(); }
 };
 
 class Named {
@@ -84,7 +86,10 @@ class Handle {
     explicit Handle(int id) : id_(id) { ++Lifetime::constructed; }
     ~Handle() { ++Lifetime::destroyed; }
     int id() const { return id_; }
-    void Delete();
+    void Delete() {  // made by the binder's constructor: its memory came from SLB::Malloc
+        this->~Handle();
+        SLB::Free(this);
+    }
 
   private:
     int id_;
@@ -98,7 +103,103 @@ class Orphan {
 
 enum class Color { Red = 1, Green = 2 };
 
+namespace detail {
+
+template <class T>
+SLB::FuncCall* echo() {
+    return SLB::FuncCall::create(+[](T value) -> T { return value; });
+}
+
+inline int fail(int kind) {
+    if (kind == 1)
+        throw std::runtime_error("boom");
+    if (kind == 2)
+        throw 7;
+    return kind;
+}
+
+inline int rawSum(lua_State* L) {
+    lua_pushinteger(L, luaL_checkinteger(L, 1) + luaL_checkinteger(L, 2));
+    return 1;
+}
+
+inline void registerClasses(SLB::Manager* m) {
+    using namespace SLB;
+    Class<Shape, Instance::Default>("geo::Shape", m)
+        .comment("A shape with a side")
+        .constructor<int>()
+        .set("area", &Shape::area)
+        .set("kind", &Shape::kind)
+        .set("side", &Shape::side)
+        .set("grow", &Shape::grow)
+        .set("twice", FuncCall::createMethod(+[](const Shape* shape) { return 2 * shape->side(); }))
+        .set("shrink", FuncCall::createMethod(+[](Shape* shape) { shape->grow(-1); }))
+        .set("add", &Shape::add)
+        .rawSet("LIMITS::MAX", new CopyValue<int>(100));
+    Class<Square>("geo::Square", m)
+        .inherits<Shape>()
+        .constructor<int>()
+        .set("unit", &Square::unit)
+        .set("unitConst", &Square::unitConst);
+    Class<Named>("Named", m).set("name", &Named::name).set("rename", &Named::rename);
+    Class<Tile>("geo::Tile", m)
+        .inherits<Named>()
+        .inherits<Square>()
+        .inherits<Shape>()
+        .constructor<int>();
+    Class<Buffer, Instance::NoCopy>("Buffer", m)
+        .constructor<>()
+        .set("append", &Buffer::append)
+        .set("size", &Buffer::size)
+        .set("copyOf", &Buffer::copyOf);
+    Class<Handle, Instance::NoCopyNoDestroy>("Handle", m)
+        .constructor<int>()
+        .set("id", &Handle::id)
+        .set("Delete", &Handle::Delete);
+}
+
+inline void registerFunctions(SLB::Manager* m) {
+    using SLB::FuncCall;
+    m->set("echo::int", echo<int>());
+    m->set("echo::char", echo<char>());
+    m->set("echo::uint", echo<unsigned int>());
+    m->set("echo::long", echo<long>());
+    m->set("echo::bool", echo<bool>());
+    m->set("echo::ulong", echo<unsigned long>());
+    m->set("echo::cstr", echo<const char*>());
+    m->set("echo::bytes", echo<const std::string&>());
+    m->set("echo::text", echo<const wxString&>());
+    m->set("echo::buffer", echo<wxMemoryBuffer>());
+    m->set("echo::big", FuncCall::create(+[]() { return 1LL << 40; }));
+    m->set("echo::surrogate", FuncCall::create(+[]() { return wxString(wxUniChar(0xD800)); }));
+    m->set("echo::textLength",
+           FuncCall::create(+[](wxString text) { return static_cast<int>(text.length()); }));
+    m->set("areaOf",
+           FuncCall::create(+[](const Shape* shape) { return shape ? shape->area() : -1; }));
+    m->set("sideOf", FuncCall::create(+[](const Shape& shape) { return shape.side(); }));
+    m->set("growRef", FuncCall::create(+[](Shape& shape) { shape.grow(1); }));
+    m->set("isSquare", FuncCall::create(+[](Square* square) { return square != nullptr; }));
+    m->set("nullShape", FuncCall::create(+[]() -> Shape* { return nullptr; }));
+    m->set("copyShape", FuncCall::create(+[](const Shape& shape) { return shape; }));
+    m->set("favourite", FuncCall::create(+[]() { return Color::Green; }));
+    m->set("colorValue", FuncCall::create(+[](Color color) { return static_cast<int>(color); }));
+    m->set("Red", new SLB::CopyValue<Color>(Color::Red));
+    m->set("answer", new SLB::CopyValue<int>(42));
+    m->set("greeting", new SLB::CopyValue<wxString>(wxString::FromUTF8("h\xc3\xa9")));
+    m->set("fail", FuncCall::create(&fail));
+    m->set("rawSum", FuncCall::create(&rawSum));
+    m->set("orphanValue", FuncCall::create(&Orphan::value));
+    m->set("orphanArgument", FuncCall::create(+[](Orphan* orphan) { return orphan != nullptr; }));
+    m->set("orphanResult", FuncCall::create(+[]() -> Orphan* { return nullptr; }));
+    m->set("newOrphan", FuncCall::defaultClassConstructor<Orphan>());
+}
+
+}  // namespace detail
+
 // Registers everything above (but Orphan and Color) in manager.
-void registerExamples(SLB::Manager& manager);
+inline void registerExamples(SLB::Manager& manager) {
+    detail::registerClasses(&manager);
+    detail::registerFunctions(&manager);
+}
 
 }  // namespace slbtest

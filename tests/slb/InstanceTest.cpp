@@ -3,7 +3,6 @@
 #include <unordered_set>
 
 #include "slb/InstanceBase.h"
-#include "slb/SLB.h"
 #include "tests/slb/BinderTest.h"
 
 namespace slbtest {
@@ -43,13 +42,6 @@ TEST_F(InstanceTest, WrapperPassesWhereItsOpaqueHandleIsAsked) {
     EXPECT_EQ(run("assert(SLB.handleState(SLB.Wrapper()) == 5 and SLB.handleState(nil) == -1)\n"
                   "assert(SLB.handleState(SLB.geo.Shape(1)) == -1)"),
               "");
-}
-
-TEST_F(InstanceTest, ConstructedObjectsDieWithTheirUserdata) {
-    EXPECT_EQ(run("local a, b = SLB.geo.Shape(1), SLB.Buffer()"), "");
-    EXPECT_EQ(Lifetime::constructed, 2);
-    lua.collect();
-    EXPECT_EQ(Lifetime::destroyed, 2);
 }
 
 TEST_F(InstanceTest, ScriptsCannotMisuseTheCollectorOfNativeObjects) {

@@ -4,7 +4,6 @@
 #include <iostream>
 #include <sstream>
 
-#include "slb/SLB.h"
 #include "tests/slb/Examples.h"
 
 namespace slbtest {

@@ -1,15 +1,17 @@
 // Helpers for the object model tests: UTF-8 at the edges, attributes of a written element
-// whatever their order, and xmllint's verdict on a document.
+// whatever their order, and the records the tests share.
 #pragma once
 
 #include <wx/string.h>
 
 #include <map>
 #include <regex>
-#include <set>
 #include <string>
+#include <vector>
 
-#include "core/xml/XMLObject.h"
+#include "core/common/SecureString.h"
+#include "core/xml/IP.h"
+#include "core/xml/XMLObjectList.h"
 #include "tests/common/CommonTestSupport.h"
 
 namespace VeskTest {
@@ -39,23 +41,88 @@ inline std::string Attrs(const std::string& xml) {
     return out;
 }
 
-// What a record declares: "name=type code" for each attribute.
-inline std::set<std::string> Declared(const VeskCore::XMLObject& record) {
-    std::set<std::string> out;
-    record.EnumAttributes(
-        [](const VeskCore::XMLObject*, const char* name, VeskCore::_PrimitiveType type, const void*,
-           void* names) {
-            static_cast<std::set<std::string>*>(names)->insert(name + ("=" + std::to_string(type)));
-            return true;
-        },
-        &out);
-    return out;
-}
+class Leaf : public VeskCore::XMLObject {
+  public:
+    explicit Leaf(int value = 0) : XMLObject(false, true), n(value) {
+        AddAttribute("n", &n, 0, false);
+    }
+    wxString GetElementName() const override { return wxS("Leaf"); }
+    int n = 0;
+};
 
-inline bool XmllintAccepts(const std::string& xml) {
-    ScratchDir dir;
-    WriteFile(dir / "doc.xml", xml);
-    return ScratchDir::Shell("xmllint --noout '" + (dir / "doc.xml") + "' 2>/dev/null") == 0;
-}
+class Leaves : public VeskCore::XMLObjectList {
+  public:
+    explicit Leaves(unsigned long long maxChildren = 0) : XMLObjectList(true, false) {
+        m_maxChildren = maxChildren;
+    }
+    wxString GetElementName() const override { return wxS("Leaves"); }
+    wxString ChildElementName() const override { return wxS("Leaf"); }
+    XMLObject* CreateListElement() const override { return new Leaf; }
+    void Add(int n) { AddChild(new Leaf(n)); }
+    std::vector<int> Values() const {
+        std::vector<int> out;
+        for (const XMLObject* child : Children())
+            out.push_back(static_cast<const Leaf*>(child)->n);
+        return out;
+    }
+};
+
+// Every attribute type, with and without defaults, a member child and a list. `big` is the
+// key in the table "Samples".
+class Sample : public VeskCore::XMLObject {
+  public:
+    Sample() : XMLObject(false, true) {
+        AddAttribute("blob", &blob);
+        AddAttribute("flag", &flag, false);
+        AddAttribute("plainFlag", &plainFlag);
+        AddAttribute("count", &count, 7, false);
+        AddAttribute("count", &shadow, 1, false);
+        AddAttribute("plainCount", &plainCount);
+        AddAttribute("big", &big, 0, true);
+        AddAttribute("plainBig", &plainBig);
+        AddAttribute("label", &label, "");
+        AddAttribute("note", &note, nullptr);
+        AddAttribute("colour", &colour, "blue");
+        AddAttribute("secret", &secret);
+        AddAttribute("tags", &tags, ";");
+        AddAttribute("words", &words, nullptr);
+        AddAttribute("gr\303\266\303\237e", &size, 3, false);
+        AddChild(&address);
+        AddChild(&leaves);
+    }
+    wxString GetElementName() const override { return wxS("Sample"); }
+    bool IsNull(const void* member) const {
+        for (const auto& entry : *m_attributes)
+            if (entry.second.m_value == member)
+                return entry.second.m_isNull;
+        return false;
+    }
+    // What code that fills a record does: every value but the key counts as set.
+    void MarkFilled() {
+        for (const auto& entry : *m_attributes)
+            SetAttributeNull(entry.second.m_value, entry.second.m_value == &big);
+    }
+
+    wxMemoryBuffer blob;
+    bool flag = false, plainFlag = false;
+    int count = 7, shadow = 99, plainCount = 0, size = 3;
+    long long big = 0, plainBig = 0;
+    wxString label, note, colour = wxS("blue");
+    wxSecureString secret;
+    wxArrayString tags, words;
+    VeskCore::CIP address;
+    Leaves leaves;
+};
+
+// Character data, which no record class of the library keeps, and a member child for the
+// tests that add it.
+class Note : public VeskCore::XMLObject {
+  public:
+    explicit Note(bool collectsText, const char* text = "") : XMLObject(collectsText, true) {
+        m_text = W(text);
+    }
+    wxString GetElementName() const override { return wxS("Note"); }
+    VeskCore::CIP ip;
+};
 
 }  // namespace VeskTest

@@ -31,25 +31,17 @@ local rest = wx.MemoryOutputStream()
 assert(input:Read(rest) and contents(rest) == "cond\25512")
 assert(input:Read(1) == nil and not input:IsOk() and input:Eof())
 input:Reset()
-assert(input:IsOk() and type(input:CanRead()) == "boolean")
+assert(input:IsOk())
 
--- Errors of the two script-friendly members and of the constructors.
+-- Errors of the two script-friendly members; the binder's own are tested with it.
 fails("Integer value or wxOutputStream object expected", input.Read, input)
 fails("Integer value or wxOutputStream object expected", input.Read, input, "abc")
 fails("String or wxInputStream object expected", memory.Write, memory, {})
 fails("Invalid object for this method", input.Read, memory, 1)
-fails("Invalid object for this method", wx.StreamBase.IsOk, nil)
-fails("Error number of arguments %(given 1 %-> expected 0%)", wx.SysErrorCode, 1)
-fails("Can not get a reference of class", wx.MemoryInputStream, nil)
-fails("Can not get a reference of class", wx.MemoryInputStream, wx.FileOutputStream(dir .. "/x"))
-assert(not wx.FileInputStream(dir .. "/missing"):IsOk())
 -- Seek modes and the results of GetLastError, Pause and Resume are objects
 -- of classes nobody registered: reading or passing one raises.
-for _, mode in ipairs{"FromStart", "FromCurrent", "FromEnd"} do
-  fails("Unknown class wxSeekMode", function() return wx[mode] end)
-end
+fails("Unknown class wxSeekMode", function() return wx.FromEnd end)
 fails("Unknown class", input.GetLastError, input)
-fails("Unknown class wxSeekMode", input.SeekI, input, 0, nil)
 fails("Unknown class wxSeekMode", memory.SeekO, memory, 0, nil)
 
 -- The rest of the output side; what Write returns is the stream itself, so
@@ -59,12 +51,10 @@ collectgarbage()
 chained:PutC(100)
 chained:Sync()
 assert(chained:TellO() == 4 and chained:LastWrite() == 1 and contents(chained) == "abcd")
-assert(wx.MemoryInputStream(chained):GetSize() == 4)
 
 -- Files and system errors.
 assert(wx.RenameFile(dir .. "/copy", dir .. "/moved", true) and wx.RemoveFile(dir .. "/moved"))
 assert(not wx.RemoveFile(dir .. "/moved") and wx.SysErrorMsg(2) == "No such file or directory")
-assert(type(wx.SysErrorCode()) == "number" and type(wx.SysErrorMsg()) == "string")
 
 -- Lua-backed streams: over a string, gathering, and with a function attached.
 local text = SLB.LuaStringInputStream("caf\195\169 au lait")
@@ -103,14 +93,11 @@ fails("wxOutputStream expected", vesk.GetHostInfo, "/", SLB.LuaStringInputStream
 
 -- wxThread: statics work anywhere; this thread is no wx thread. A LuaThread
 -- is one, and its enumeration results raise after the operation ran.
-assert(SLB.wxThread.GetCPUCount() >= 1 and SLB.wxThread.GetCurrentId() > 0)
-assert(SLB.wxThread.This() == nil)
-SLB.wxThread.Sleep(1)
+assert(SLB.wxThread.This() == nil and SLB.wxThread.GetCPUCount() >= 1)
 local worker = SLB.LuaThread("", "streams worker", nil)
 worker:startWithDefaults()
 while not worker:isIdle() do SLB.Sleep(5) end
-assert(worker:GetId() ~= SLB.wxThread.GetCurrentId() and type(worker:GetPriority()) == "number")
-assert(worker:IsPaused() == false)
+assert(worker:GetId() ~= SLB.wxThread.GetCurrentId() and worker:IsPaused() == false)
 fails("Unknown class", worker.Pause, worker)
 assert(worker:IsPaused() == true)
 fails("Unknown class", worker.Resume, worker)
