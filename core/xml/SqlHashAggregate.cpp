@@ -8,46 +8,54 @@
 namespace VeskCore {
 namespace {
 
-// The group's state: the digest context, made at the group's first row.
-EVP_MD_CTX** StateOf(wxSQLite3FunctionContext& context) {
-    return static_cast<EVP_MD_CTX**>(context.GetAggregateStruct(sizeof(EVP_MD_CTX*)));
+// The group's state, zeroed by SQLite: the digest context, made at the
+// group's first row. `begun` tells an unknown name (NULL result) from a group
+// without rows (the digest of nothing).
+struct GroupState {
+    EVP_MD_CTX* digest;
+    bool begun;
+};
+
+GroupState* StateOf(wxSQLite3FunctionContext& context) {
+    return static_cast<GroupState*>(context.GetAggregateStruct(sizeof(GroupState)));
 }
 
-// An unknown digest name leaves the state empty, so the result is NULL, and
-// leaves no error behind on the thread's queue for a later message to quote.
-void Begin(wxSQLite3FunctionContext& context, EVP_MD_CTX*& digest) {
-    const std::string name = context.GetString(1, wxS("sha1")).utf8_string();
+// An unknown digest name leaves no error behind on the thread's queue for a
+// later message to quote.
+void Begin(GroupState& state, const wxString& name) {
+    state.begun = true;
     ERR_set_mark();
-    const EVP_MD* method = EVP_get_digestbyname(name.c_str());
-    digest = method != nullptr ? EVP_MD_CTX_new() : nullptr;
-    if (digest != nullptr && EVP_DigestInit_ex(digest, method, nullptr) != 1) {
-        EVP_MD_CTX_free(digest);
-        digest = nullptr;
+    const EVP_MD* method = EVP_get_digestbyname(name.utf8_string().c_str());
+    state.digest = method != nullptr ? EVP_MD_CTX_new() : nullptr;
+    if (state.digest != nullptr && EVP_DigestInit_ex(state.digest, method, nullptr) != 1) {
+        EVP_MD_CTX_free(state.digest);
+        state.digest = nullptr;
     }
     ERR_pop_to_mark();
 }
 
 void Step(wxSQLite3FunctionContext& context) {
-    EVP_MD_CTX** state = StateOf(context);
+    GroupState* state = StateOf(context);
     if (state == nullptr || context.GetArgCount() != 2)
         return;
-    if (*state == nullptr)
-        Begin(context, *state);
-    if (*state != nullptr)
-        VeskCore::EVP_DigestUpdate(*state, context.GetString(0, wxEmptyString));
+    if (!state->begun)
+        Begin(*state, context.GetString(1, wxS("sha1")));
+    if (state->digest != nullptr)
+        VeskCore::EVP_DigestUpdate(state->digest, context.GetString(0, wxEmptyString));
 }
 
 void Finish(wxSQLite3FunctionContext& context) {
-    EVP_MD_CTX** state = StateOf(context);
+    GroupState* state = StateOf(context);
     if (state == nullptr)
         return;
-    if (*state == nullptr)
-        Begin(context, *state);  // an empty group
+    if (!state->begun)
+        Begin(*state, wxS("sha1"));  // a group without rows never saw a name
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    const bool done = *state != nullptr && EVP_DigestFinal_ex(*state, bytes, &length) == 1;
-    EVP_MD_CTX_free(*state);
-    *state = nullptr;
+    const bool done =
+        state->digest != nullptr && EVP_DigestFinal_ex(state->digest, bytes, &length) == 1;
+    EVP_MD_CTX_free(state->digest);
+    state->digest = nullptr;
     if (!done) {
         context.SetResultNull();
         return;

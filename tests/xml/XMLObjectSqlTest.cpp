@@ -1,6 +1,7 @@
 // Records in SQLite: statement text, binds, row ids, lists, and the digest aggregate, checked
 // against files that the sqlite3 tool reads and writes.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <wx/wxsqlite3.h>
 
 #include "core/xml/Interface.h"
@@ -217,6 +218,9 @@ TEST_F(SqlMappingTest, HashAggregateDigestsTheValuesAsTheShellToolsDo) {
     EXPECT_EQ(query("select group_concat(hex(d)) from (select g, digest(v, 'sha512') d from words"
                     " where n in (1, 3) group by g order by g);"),
               shell("alpha", "sha512sum") + "," + shell("", "sha512sum"));
+    // A name OpenSSL does not know gives NULL and leaves no error queued for the next caller.
+    EXPECT_EQ(query("select digest(v, 'no-such-digest') is null from words;"), "1");
+    EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
 }  // namespace

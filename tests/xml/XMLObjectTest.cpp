@@ -16,6 +16,19 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
+// Placeholders are protected; these show how many a record holds.
+class WatchedLeaf : public Leaf {
+  public:
+    size_t Placeholders() const { return m_tempObjects.GetCount(); }
+};
+class Holder : public XMLObject {
+  public:
+    Holder() : XMLObject(false, true) { AddChild(&leaf); }
+    wxString GetElementName() const override { return wxS("Holder"); }
+    size_t Placeholders() const { return m_tempObjects.GetCount(); }
+    WatchedLeaf leaf;
+};
+
 // What Parse makes of each text: the value, or "fail".
 template <typename T>
 Strings ParseEach(std::initializer_list<const char*> texts) {
@@ -162,6 +175,13 @@ TEST(XMLObjectReadTest, NameRulesPlaceholdersAndListMatching) {
     ASSERT_EQ(
         Read(s, R"(<Sample><Other Foo="1"><Leaf n="1"/><IP id="x"/></Other><Leaf/></Sample>)"), 0);
     EXPECT_TRUE(s.leaves.Children().empty() && s.address.id == 0 && log.Texts(wxLOG_Error).empty());
+    // Placeholders live as long as the parse, wherever in the tree they hung.
+    Holder holder;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(Read(holder, R"(<Holder><Leaf n="4"><X/><Y><Z/></Y></Leaf><Q/></Holder>)"), 0);
+        EXPECT_TRUE(holder.leaf.n == 4 && holder.Placeholders() == 0 &&
+                    holder.leaf.Placeholders() == 0);
+    }
 
     // A repeated plain child is applied again; a list is entered once, after which its
     // children may also stand directly in the parent.
