@@ -49,8 +49,7 @@ VESK_EXPORT int EVP_DigestUpdate(EVP_MD_CTX* context, const wxString& text);
 // `content` holds the signed bytes and `digest` the signed messageDigest.
 // On failure `error` says why (logged, but for a missing key); `content` may
 // still be set. `digest` is not emptied first.
-VESK_EXPORT bool PKCS7_Unwrap(const std::string& package, std::string& content,
-                              std::string& digest, std::string& error, EVP_PKEY* key,
-                              X509* certificate, X509* signer);
+VESK_EXPORT bool PKCS7_Unwrap(const std::string& package, std::string& content, std::string& digest,
+                              std::string& error, EVP_PKEY* key, X509* certificate, X509* signer);
 
 }  // namespace VeskCore
