@@ -25,6 +25,21 @@ std::string* SettingOption(const std::string& arg, CAgentOptions& options) {
     return found == settings.end() ? nullptr : &(options.*(found->second));
 }
 
+// Seconds, as a plain decimal count: "20", not "20s", "-1" or "1e3".
+bool TakeSeconds(int argc, const char* const* argv, int& i, unsigned& seconds, std::string& error) {
+    std::string text;
+    if (!TakeValue(argc, argv, i, text, error))
+        return false;
+    const bool digits = !text.empty() && text.size() <= 6 &&
+                        text.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits) {
+        error = "option --stop-timeout takes whole seconds, not '" + text + "'";
+        return false;
+    }
+    seconds = static_cast<unsigned>(std::stoul(text));
+    return true;
+}
+
 }  // namespace
 
 bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& options,
@@ -35,6 +50,11 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
         const std::string arg = argv[i];
         if (std::string* setting = SettingOption(arg, options)) {
             if (!TakeValue(argc, argv, i, *setting, error))
+                return false;
+            continue;
+        }
+        if (arg == "--stop-timeout") {
+            if (!TakeSeconds(argc, argv, i, options.stopTimeout, error))
                 return false;
             continue;
         }
@@ -53,6 +73,10 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
             std::string name;
             if (!TakeValue(argc, argv, i, name, error))
                 return false;
+            if (name.empty()) {
+                error = "option --service needs a module name";
+                return false;
+            }
             options.services.push_back(name);
             mode = Mode::Serve;
         } else {
@@ -80,14 +104,18 @@ const char* CAgentOptions::Usage() {
            "       vesk-agent --help | --version\n"
            "\n"
            "  --service NAME     run the Lua module NAME as a service (repeatable); the\n"
-           "                     agent runs until SIGTERM or SIGINT, then stops them all\n"
+           "                     agent runs until SIGTERM, SIGINT or SIGHUP, then stops\n"
+           "                     them all; it exits 1 when every service has ended\n"
+           "  --stop-timeout S   seconds a stop waits for the services (default 20); then\n"
+           "                     the agent names those still running and exits 1\n"
            "  --run FILE         run a Lua script; print() goes to standard output\n"
            "  --bin-path DIR     install location for lua/ and lib/ (default: the\n"
            "                     directory of vesk-agent)\n"
            "  --lua-path PATHS   Lua module templates searched first, as in package.path\n"
            "  --lua-cpath PATHS  native module templates searched first\n"
            "  --zip-path FILES   ';'-separated zip archives of Lua modules\n"
-           "  --state-dir DIR    where the configuration is kept (made 0700 if missing)\n"
+           "  --state-dir DIR    where the configuration is kept (made 0700 if missing);\n"
+           "                     one agent at a time: a second one refuses to start\n"
            "  --trace MASKS      comma-separated trace masks (wildcards * and ?), for example\n"
            "                     'App,HTTP' or '*'; NAME.verbose traces every line of the\n"
            "                     thread NAME ('Main' for --run)\n"
@@ -95,6 +123,7 @@ const char* CAgentOptions::Usage() {
            "  --help             show this text\n"
            "  --version          show the version\n"
            "\n"
-           "Exit status: 0 on success (os.exit included), 1 when the script fails or the\n"
-           "agent can't start, 2 on a usage error.\n";
+           "Exit status: 0 on success, the status given to os.exit, 1 when the script\n"
+           "fails, the agent can't start, every service has ended or a stop runs past\n"
+           "its time-out, 2 on a usage error.\n";
 }

@@ -16,6 +16,7 @@ struct CAgentOptions {
     std::string luaCPath;               // --lua-cpath TEMPLATES
     std::string zipPath;                // --zip-path ARCHIVES
     std::string stateDir;               // --state-dir DIR
+    unsigned stopTimeout = 20;          // --stop-timeout SECONDS
 
     // Parses argv. On a usage error returns false with `error` set.
     static bool Parse(int argc, const char* const* argv, CAgentOptions& options,

@@ -6,16 +6,18 @@
 #include <wx/filename.h>
 #include <wx/wfstream.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <lua.hpp>
 #include <map>
 #include <sstream>
 
 #include "agent/AgentOptions.h"
+#include "agent/ServiceHost.h"
 #include "agent/StderrLog.h"
-#include "core/common/FileUtil.h"
 #include "core/lua/LuaInterpreter.h"
 #include "core/runtime/App.h"
 #include "core/runtime/LogTrace.h"
@@ -41,14 +43,34 @@ std::string DirectoryOf(const std::string& file) {
     return dir.empty() ? "." : dir.utf8_string();
 }
 
-std::string BinPath(const CAgentOptions& options) {
-    return options.binPath.empty() ? ExecutableDirectory() : options.binPath;
+bool IsReadableFile(const std::string& path, std::string& problem) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        problem = strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        problem = S_ISDIR(info.st_mode) ? "is a directory" : "is not a regular file";
+        return false;
+    }
+    return true;
+}
+
+// What a failed script leaves for the reader: its message and traceback, or
+// what the stand-alone `lua` prints for an error value that is no text.
+void ReportFailure(const VeskCore::CLuaInterpreter& lua) {
+    const wxString& text =
+        lua.GetErrorInfo().empty() ? lua.GetErrorValueText() : lua.GetErrorInfo();
+    if (!text.empty())
+        wxLogError(wxS("%s"), text);
 }
 
 int RunScriptFile(const CAgentOptions& options) {
+    std::string problem;
     wxFileInputStream source(wxString::FromUTF8(options.script));
-    if (!source.IsOk()) {
-        fprintf(stderr, "vesk-agent: cannot read '%s'\n", options.script.c_str());
+    if (!IsReadableFile(options.script, problem) || !source.IsOk()) {
+        fprintf(stderr, "vesk-agent: cannot read '%s'%s%s\n", options.script.c_str(),
+                problem.empty() ? "" : ": ", problem.c_str());
         return 1;
     }
     VeskCore::CLuaInterpreter lua(false, "Main.verbose", true);
@@ -56,15 +78,17 @@ int RunScriptFile(const CAgentOptions& options) {
     std::string luaPath = DirectoryOf(options.script) + "/?.lua";
     if (!options.luaPath.empty())
         luaPath = options.luaPath + ";" + luaPath;
-    lua.SetPackagePaths(BinPath(options), luaPath, options.luaCPath, options.zipPath);
+    lua.SetPackagePaths(options.binPath, luaPath, options.luaCPath, options.zipPath);
     wxFFileOutputStream output(stdout);
     const int status =
         lua.RunScript(source, 0, 0, wxString::FromUTF8("@" + options.script), &output);
     output.Sync();
-    if (status == 0 || status == -1)
+    if (status == 0)
         return 0;
-    if (!lua.GetErrorInfo().empty())
-        wxLogError(wxS("%s"), lua.GetErrorInfo());
+    // As the stand-alone `lua` does, the process keeps the low byte.
+    if (status == -1)
+        return lua.GetExitStatus() & 0xFF;
+    ReportFailure(lua);
     return 1;
 }
 
@@ -100,67 +124,12 @@ int WriteApiReference() {
     return fwrite(text.data(), 1, text.size(), stdout) == text.size() ? 0 : 1;
 }
 
-// The signals that stop the agent. Blocked before any thread exists, so that
-// every thread inherits the block and the main thread takes them in sigwait.
-sigset_t StopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    return signals;
-}
-
-bool PrepareStateDirectory(const std::string& path) {
-    const wxString dir = wxString::FromUTF8(path);
-    if (!wxFileName::DirExists(dir) && !wxFileName::Mkdir(dir, 0700, wxPATH_MKDIR_FULL)) {
-        wxLogError(wxS("vesk-agent: cannot make the state directory '%s'"), dir);
-        return false;
-    }
-    VeskCore::SecureFileOrDirectory(dir, false);
-    return true;
-}
-
-void ConfigureApp(VeskCore::CApp& app, const CAgentOptions& options) {
-    app.Set("app.path.bin", BinPath(options));
-    app.Set("app.lua.path", options.luaPath);
-    app.Set("app.lua.cpath", options.luaCPath);
-    app.Set("app.lua.zippath", options.zipPath);
-    if (!options.traceMasks.empty())
-        app.Set("app.trace", options.traceMasks);
-    app.Set("agent.state.dir", options.stateDir);
-}
-
-// Runs the services until a stop signal; then stops them all and waits.
-int Serve(const CAgentOptions& options) {
-    // What the agent and its scripts write (configuration, keys) is theirs alone.
-    umask(077);
-    if (!options.stateDir.empty() && !PrepareStateDirectory(options.stateDir))
-        return 1;
-    VeskCore::CApp app;
-    ConfigureApp(app, options);
-    // A write of nothing loads the stored configuration, so that services
-    // read it from their start.
-    if (!options.stateDir.empty())
-        app.ConfigSet("<Config/>");
-    for (const std::string& service : options.services)
-        app.ServiceStart(wxString::FromUTF8(service));
-
-    const sigset_t signals = StopSignals();
-    int signal = 0;
-    sigwait(&signals, &signal);
-    wxLogMessage(wxS("vesk-agent: signal %d, stopping the services"), signal);
-    app.InitiateShutdown();
-    app.Shutdown();
-    wxLogMessage(wxS("vesk-agent: stopped"));
-    return 0;
-}
-
 int Run(const CAgentOptions& options) {
     switch (options.mode) {
         case CAgentOptions::Mode::ApiDoc:
             return WriteApiReference();
         case CAgentOptions::Mode::Serve:
-            return Serve(options);
+            return CServiceHost(options).Run();
         default:
             if (!options.traceMasks.empty())
                 VeskCore::TraceMasksSet(options.traceMasks);
@@ -185,8 +154,14 @@ int main(int argc, char** argv) {
         printf("vesk-agent %s\n", VESK_VERSION_STRING);
         return 0;
     }
+    // Started with stop signals ignored (nohup, a shell's background job),
+    // the agent could not be stopped at all: ignored signals never reach
+    // sigwait, nor end a script.
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
     if (options.mode == CAgentOptions::Mode::Serve) {
-        const sigset_t signals = StopSignals();
+        signal(SIGHUP, SIG_DFL);
+        const sigset_t signals = CServiceHost::StopSignals();
         pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     }
     // Library threads take SIGPIPE; a peer or a reader of the log that has
@@ -200,6 +175,8 @@ int main(int argc, char** argv) {
         wxLogError(wxS("vesk-agent: the library failed to start"));
     } else {
         try {
+            if (options.binPath.empty())
+                options.binPath = ExecutableDirectory();
             status = Run(options);
         } catch (const std::exception& e) {
             wxLogError(wxS("vesk-agent: %s"), wxString::FromUTF8(e.what()));

@@ -21,6 +21,15 @@ namespace {
 
 using SLB::FuncCall;
 
+// A wait as the binder reads an unsigned int: a negative count or NaN waits
+// not at all, and a count past the 32-bit range is the longest wait, which
+// TestDestroy takes as "until awakened".
+unsigned int WaitMilliseconds(lua_Number milliseconds) {
+    if (!(milliseconds > 0))
+        return 0;
+    return milliseconds >= 4294967295.0 ? 0xFFFFFFFFu : static_cast<unsigned int>(milliseconds);
+}
+
 void RegisterFunctions(SLB::Manager* m) {
     m->set("ErrnoToString", FuncCall::create(&ErrnoToString));
     m->set("FromBase64", FuncCall::create(&FromBase64));
@@ -31,7 +40,7 @@ void RegisterFunctions(SLB::Manager* m) {
            FuncCall::create(static_cast<bool (*)(const wxString&)>(&LogTraceIsEnabled)));
     m->set("ReplaceFile", FuncCall::create(&ReplaceFile));
     m->set("ShouldExit", FuncCall::create(&ShouldExit));
-    m->set("Sleep", FuncCall::create(&wxThread::Sleep));
+    m->set("Sleep", FuncCall::create(&SleepMilliseconds));
     m->set("SystemTickCount", FuncCall::create(&SystemTickCount));
     m->set("SystemTickDiff", FuncCall::create(&SystemTickDiff));
     m->set("Term", FuncCall::create(+[]() { return VeskCore_Term() == 1; }));
@@ -133,11 +142,11 @@ void AppLua_Init(SLB::Manager* manager) {
 }
 
 int ShouldExit(lua_State* L) {
-    const lua_Integer wait = lua_gettop(L) != 0 ? luaL_checkinteger(L, 1) : 0;
+    const lua_Number wait = lua_gettop(L) != 0 ? luaL_checknumber(L, 1) : 0;
     CRunnable* runnable = CRunnable::FromLua(L);
     if (runnable == nullptr)
         runnable = CRunnable::This();
-    const bool stop = runnable != nullptr && runnable->TestDestroy(static_cast<unsigned int>(wait));
+    const bool stop = runnable != nullptr && runnable->TestDestroy(WaitMilliseconds(wait));
     lua_pushboolean(L, stop ? 1 : 0);
     return 1;
 }

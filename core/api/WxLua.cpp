@@ -8,9 +8,13 @@
 
 #include <algorithm>
 #include <lua.hpp>
+#include <stdexcept>
 
 #include "core/api/BoundClass.h"
+#include "core/api/MyMemoryInputStream.h"
 #include "core/api/MyMemoryOutputStream.h"
+#include "core/common/FileUtil.h"
+#include "core/common/SystemUtil.h"
 #include "slb/Class.h"
 #include "slb/ClassInfo.h"
 #include "slb/CopyValue.h"
@@ -31,12 +35,23 @@ T* SelfOrRaise(lua_State* L, const SLB::ClassInfo* cls) {
     return self;
 }
 
+// wx ends a running thread with pthread_cancel, whose unwinding can pass
+// neither the catch-all stops of the library's threads nor Lua's C frames:
+// the process aborts. A thread that runs is asked to stop instead.
+wxThreadError KillThread(wxThread* thread) {
+    if (thread->IsAlive())
+        throw std::runtime_error(
+            "wxThread:Kill() - a running thread can't be killed; ask it to stop with "
+            "requestExit()");
+    return thread->Kill();
+}
+
 void RegisterFunctions(SLB::Manager* m) {
     m->set("wx::FromCurrent", new SLB::CopyValue<wxSeekMode>(wxFromCurrent));
     m->set("wx::FromEnd", new SLB::CopyValue<wxSeekMode>(wxFromEnd));
     m->set("wx::FromStart", new SLB::CopyValue<wxSeekMode>(wxFromStart));
-    m->set("wx::RemoveFile", FuncCall::create(&wxRemoveFile));
-    m->set("wx::RenameFile", FuncCall::create(&wxRenameFile));
+    m->set("wx::RemoveFile", FuncCall::create(&RemoveFileChecked));
+    m->set("wx::RenameFile", FuncCall::create(&RenameFileChecked));
     m->set("wx::SysErrorCode", FuncCall::create(&wxSysErrorCode));
     m->set("wx::SysErrorMsg", FuncCall::create(&wxMySysErrorMsg));
 }
@@ -63,7 +78,7 @@ void RegisterStreamBases(SLB::Manager* m) {
         .set("SeekI", &wxInputStream::SeekI)
         .set("TellI", &wxInputStream::TellI)
         .set("Read", &wxInputStream_Read);
-    SLB::Class<wxMemoryInputStream, NoCopy>("wx::MemoryInputStream", m)
+    SLB::Class<wxMyMemoryInputStream, NoCopy>("wx::MemoryInputStream", m)
         .comment("Class wrapper for wxMemoryInputStream")
         .inherits<wxStreamBase>()
         .inherits<wxInputStream>()
@@ -112,10 +127,10 @@ void RegisterThread(SLB::Manager* m) {
         .set("GetId", &wxThread::GetId)
         .set("GetPriority", &wxThread::GetPriority)
         .set("IsPaused", &wxThread::IsPaused)
-        .set("Kill", &wxThread::Kill)
+        .set("Kill", FuncCall::createMethod(&KillThread))
         .set("Pause", &wxThread::Pause)
         .set("Resume", &wxThread::Resume)
-        .set("Sleep", &wxThread::Sleep)
+        .set("Sleep", &SleepMilliseconds)
         .set("This", &wxThread::This);
 }
 
@@ -134,10 +149,15 @@ int wxInputStream_Read(lua_State* L) {
     if (lua_gettop(L) < 2)
         return luaL_argerror(L, 2, "Integer value or wxOutputStream object expected");
     if (lua_isnumber(L, 2)) {
-        const lua_Integer count = std::max<lua_Integer>(lua_tointegerx(L, 2, nullptr), 0);
+        // Saturated, not cast: a count past the integers is undefined in C++.
+        // A count no memory can hold fails as Lua's memory error.
+        const lua_Number asked = lua_tonumberx(L, 2, nullptr);
+        const size_t count = !(asked > 0)      ? 0
+                             : asked >= 9.0e15 ? size_t{1} << 53
+                                               : static_cast<size_t>(asked);
         luaL_Buffer bytes;
-        char* into = luaL_buffinitsize(L, &bytes, static_cast<size_t>(count));
-        self->Read(into, static_cast<size_t>(count));
+        char* into = luaL_buffinitsize(L, &bytes, count);
+        self->Read(into, count);
         luaL_pushresultsize(&bytes, self->LastRead());
         if (!self->IsOk())
             lua_pushnil(L);  // what the failed read got is not handed on

@@ -3,8 +3,10 @@
 #include <pwd.h>
 #include <sys/types.h>
 #include <wx/log.h>
+#include <wx/thread.h>
 #include <wx/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -99,6 +101,10 @@ bool LookupUID(const wxString& /*unused*/, const wxString& uid, wxString& name) 
         name = wxString::FromUTF8(entry.pw_name);
     }
     return true;
+}
+
+void SleepMilliseconds(unsigned long msec) {
+    wxThread::Sleep(std::min(msec, kLongestSleepMs));
 }
 
 long long TimeNowMillis() {

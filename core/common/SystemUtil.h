@@ -35,6 +35,13 @@ VESK_EXPORT long long TimeNowMillis();
 // are taken by unsigned subtraction.
 VESK_EXPORT unsigned int SystemTickCount();
 
+// The longest plain sleep: nothing can wake one, so a mistaken count (a
+// script's math.huge) must not hold a thread for weeks.
+constexpr unsigned long kLongestSleepMs = 24UL * 60 * 60 * 1000;
+
+// Sleeps `msec` milliseconds, at most kLongestSleepMs.
+VESK_EXPORT void SleepMilliseconds(unsigned long msec);
+
 // Kept for callers (and Lua); this platform installs no crash handler.
 VESK_EXPORT void InitCrashHandler(const wxString& unused1, const wxString& unused2);
 

@@ -2,9 +2,6 @@
 
 #include <cstdlib>
 #include <lua.hpp>
-#include <string>
-
-#include "slb/NativeException.h"
 
 namespace VeskCore {
 namespace {
@@ -12,23 +9,6 @@ namespace {
 // Addresses used as registry key and as error value: unique and private.
 char s_RecordKey;
 char s_Sentinel;
-
-std::string DescribeException(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown C++ exception";
-    }
-}
-
-// A C++ exception leaving a bound function ends the running chunk and reaches
-// the caller of RunScript. Installed when the library loads, so that it stands
-// before any state can call a bound function.
-struct BoundaryHandler {
-    BoundaryHandler() { SLB::setNativeExceptionHandler(&CLuaChunkEnd::PushNativeException); }
-} s_BoundaryHandler;
 
 }  // namespace
 
@@ -48,35 +28,18 @@ CLuaChunkEnd* CLuaChunkEnd::From(lua_State* L) {
     return record;
 }
 
-void CLuaChunkEnd::RaiseExit(lua_State* L) {
-    if (CLuaChunkEnd* record = From(L))
+void CLuaChunkEnd::RaiseExit(lua_State* L, int status) {
+    if (CLuaChunkEnd* record = From(L)) {
+        if (record->reason == Reason::None)
+            record->exitStatus = status;
         record->Arm(L, Reason::Exit);
-    RaiseSentinel(L);
-}
-
-void CLuaChunkEnd::PushNativeException(lua_State* L, std::exception_ptr error) {
-    CLuaChunkEnd* record = From(L);
-    if (record == nullptr) {
-        lua_pushstring(L, DescribeException(error).c_str());
-        return;
     }
-    // The first reason wins: a second exception while unwinding adds nothing
-    // the caller could act on.
-    if (record->reason == Reason::None)
-        record->exception = std::move(error);
-    record->Arm(L, Reason::NativeException);
-    lua_pushlightuserdata(L, &s_Sentinel);
-}
-
-std::exception_ptr CLuaChunkEnd::TakeException() {
-    std::exception_ptr taken;
-    taken.swap(exception);
-    return taken;
+    RaiseSentinel(L);
 }
 
 void CLuaChunkEnd::Reset() {
     reason = Reason::None;
-    exception = nullptr;
+    exitStatus = 0;
     if (lua_gethook(mainThread) == ReRaiseHook) {
         lua_sethook(mainThread, savedHook, savedMask, savedCount);
     }

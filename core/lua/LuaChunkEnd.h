@@ -1,5 +1,4 @@
-// Ends a running chunk from deep inside it: the way `os.exit` and a native
-// exception caught at the binder's boundary leave Lua.
+// Ends a running chunk from deep inside it: the way `os.exit` leaves Lua.
 //
 // Lua is built as C, so the only safe way out of a chunk is a Lua error. The
 // reason is recorded here and the error value is a private sentinel; a
@@ -13,8 +12,6 @@
 // safe: a state is used by one thread at a time.
 #pragma once
 
-#include <exception>
-
 struct lua_State;
 struct lua_Debug;
 
@@ -22,7 +19,7 @@ namespace VeskCore {
 
 class CLuaChunkEnd {
   public:
-    enum class Reason { None, Exit, NativeException };
+    enum class Reason { None, Exit };
 
     // Attaches to `L`: registers this object and wraps coroutine.resume and
     // coroutine.wrap so that the end passes from a coroutine to its resumer.
@@ -33,18 +30,12 @@ class CLuaChunkEnd {
     // The record attached to L's state, or null.
     static CLuaChunkEnd* From(lua_State* L);
 
-    // Records an exit and raises. Never returns.
-    [[noreturn]] static void RaiseExit(lua_State* L);
-
-    // Records a native exception and pushes the error value to raise. On a
-    // state without a record (a plain `lua` that required the module) it
-    // pushes the exception's text instead, since no caller can rethrow it.
-    static void PushNativeException(lua_State* L, std::exception_ptr error);
+    // Records an exit with its status and raises. Never returns.
+    [[noreturn]] static void RaiseExit(lua_State* L, int status);
 
     Reason GetReason() const { return reason; }
-
-    // Takes the exception recorded by PushNativeException, if any.
-    std::exception_ptr TakeException();
+    // The status the chunk asked to exit with; meaningful after an Exit.
+    int GetExitStatus() const { return exitStatus; }
 
     // Forgets the reason and gives the main thread its own hook back.
     void Reset();
@@ -61,7 +52,7 @@ class CLuaChunkEnd {
 
     lua_State* mainThread;
     Reason reason = Reason::None;
-    std::exception_ptr exception;
+    int exitStatus = 0;
     // The main thread's own hook (the verbose trace hook, or none), saved
     // while the re-raising hook stands in its place.
     void (*savedHook)(lua_State*, lua_Debug*) = nullptr;

@@ -7,10 +7,12 @@
 #include <wx/stream.h>
 #include <wx/thread.h>
 
+#include <cstdlib>
 #include <lua.hpp>
 #include <new>
 
 #include "core/common/Utf8.h"
+#include "core/lua/NativeError.h"
 #include "core/lua/ZipLoader.h"
 #include "core/runtime/LogTrace.h"
 #include "slb/Manager.h"
@@ -64,8 +66,10 @@ CLuaInterpreter::CLuaInterpreter(bool sandboxed, const char* traceMask, bool reg
     lua_gc(state, LUA_GCRESTART, 0);
     CollectAndTrace("After initialization, Lua is using %d Kb");
 
-    if (registerSLB)
+    if (registerSLB) {
+        InstallNativeErrorHandler();
         SLB::Manager::defaultManager()->registerSLB(state);
+    }
 
     lua_pushlightuserdata(state, nullptr);
     lua_pushcclosure(state, LuaPrint, 1);
@@ -150,6 +154,8 @@ int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
     const int top = lua_gettop(state);
     LogTrace(traceMaskUtf8.c_str(), "RunScript()");
     errorInfo.clear();
+    errorValueText.clear();
+    exitStatus = 0;
     // An os.exit outside any chunk (a callback, a host's own pcall on L())
     // must not end this one.
     chunkEnd->Reset();
@@ -185,39 +191,60 @@ int CLuaInterpreter::RunLoaded(int top, int nArgs, int nResults, wxOutputStream*
     int status = lua_pcallk(state, nArgs, nResults, tracebackIndex, 0, nullptr);
     TraceMemory("After pcall, Lua is using %d Kb");
 
-    const CLuaChunkEnd::Reason reason = chunkEnd->GetReason();
-    std::exception_ptr thrown = chunkEnd->TakeException();
-    chunkEnd->Reset();
     // A script can catch the end and return normally from C code; the
     // recorded reason, not the status, says how the chunk ended.
-    if (reason == CLuaChunkEnd::Reason::Exit)
+    if (chunkEnd->GetReason() == CLuaChunkEnd::Reason::Exit) {
         status = -1;
-    if (reason == CLuaChunkEnd::Reason::NativeException && status == LUA_OK)
-        status = LUA_ERRRUN;
+        exitStatus = chunkEnd->GetExitStatus();
+    }
+    chunkEnd->Reset();
 
     if (status != LUA_OK) {
-        if (status != -1 && !thrown)
+        if (status != -1)
             KeepError(status, output);
         lua_settop(state, top);
     }
-    // The standing print goes back even when an exception passes on: the
-    // chunk's stream may not outlive the caller's handling of it.
     lua_pushvalue(state, printIndex);
     lua_setglobal(state, "print");
     Collect();
-    if (thrown)
-        std::rethrow_exception(thrown);
     return status;
 }
 
 void CLuaInterpreter::KeepError(int status, wxOutputStream* output) {
-    if (lua_isnil(state, -1) || !lua_isstring(state, -1))
+    if (!lua_isstring(state, -1)) {
+        DescribeErrorValue();
         return;
+    }
     size_t length = 0;
     const char* message = lua_tolstring(state, -1, &length);
     errorInfo = FromUTF8Lenient(message, length);
     if (output == nullptr)
         wxLogError(wxS("%s"), errorInfo);
+}
+
+namespace {
+
+// lua_CFunction: the text the stand-alone `lua` shows for the error value at
+// index 1 that is no string. A failing __tostring raises its own error.
+int ErrorValueText(lua_State* L) {
+    if (!luaL_callmeta(L, 1, "__tostring"))
+        lua_pushliteral(L, "(no error message)");
+    return 1;
+}
+
+}  // namespace
+
+// The value on top is left where it is. __tostring is the script's code, so
+// it runs protected; an error it raises is shown in its place.
+void CLuaInterpreter::DescribeErrorValue() {
+    lua_pushcfunction(state, ErrorValueText);
+    lua_pushvalue(state, -2);
+    lua_pcall(state, 1, 1, 0);
+    size_t length = 0;
+    const char* text = lua_tolstring(state, -1, &length);
+    errorValueText = text != nullptr ? FromUTF8Lenient(text, length)
+                                     : wxString(wxS("(error object is not a string)"));
+    lua_pop(state, 1);
 }
 
 void CLuaInterpreter::SetPackagePaths(const std::string& binPath, const std::string& luaPath,
@@ -254,7 +281,9 @@ int CLuaInterpreter::LuaTraceback(lua_State* L) {
 }
 
 int CLuaInterpreter::OsExit(lua_State* L) {
-    CLuaChunkEnd::RaiseExit(L);
+    const int status = lua_isboolean(L, 1) ? (lua_toboolean(L, 1) ? EXIT_SUCCESS : EXIT_FAILURE)
+                                           : luaL_optint(L, 1, EXIT_SUCCESS);
+    CLuaChunkEnd::RaiseExit(L, status);
 }
 
 // No C++ object may be alive at a point where Lua can raise: the pieces are

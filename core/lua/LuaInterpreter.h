@@ -43,15 +43,23 @@ class VESK_EXPORT CLuaInterpreter {
     bool IsSandboxed() const { return sandboxed; }
 
     // Text (message and traceback) of the last run-time failure; empty after
-    // success, a load failure or an os.exit.
+    // success, a load failure or an os.exit, and when the error value was no
+    // text.
     const wxString& GetErrorInfo() const { return errorInfo; }
+    // What the stand-alone `lua` shows for the last run-time failure whose
+    // error value was no text: the value's __tostring, else "(no error
+    // message)". Empty in every other case.
+    const wxString& GetErrorValueText() const { return errorValueText; }
+    // The status that the last chunk ended by os.exit asked for, as the
+    // stand-alone `lua` reads it (true 0, false 1, a number, default 0).
+    int GetExitStatus() const { return exitStatus; }
 
     // Loads all of `source` and runs it under the traceback handler. Returns
     // 0, a Lua load or run status, or -1 when the chunk called os.exit. With
     // `output`, print() writes to it and a run-time failure is left to the
     // caller in GetErrorInfo(); without, both go to the log. Load failures
-    // are always logged. A C++ exception thrown by a bound function is
-    // rethrown here after the state has been restored.
+    // are always logged. A C++ exception thrown by a bound function reaches
+    // the chunk as a Lua error, which it may catch.
     int RunScript(wxInputStream& source, int nArgs, int nResults, const wxString& chunkName,
                   wxOutputStream* output);
     int RunScript(const wxString& source, int nArgs, int nResults, const wxString& chunkName,
@@ -76,10 +84,13 @@ class VESK_EXPORT CLuaInterpreter {
     void InstallHookIfVerbose();
     int RunLoaded(int top, int nArgs, int nResults, wxOutputStream* output);
     void KeepError(int status, wxOutputStream* output);
+    void DescribeErrorValue();
 
     bool sandboxed;
     int tracebackIndex = 0;
     wxString errorInfo;
+    wxString errorValueText;
+    int exitStatus = 0;
     lua_State* state = nullptr;
     int printIndex = 0;
     wxString traceMask;

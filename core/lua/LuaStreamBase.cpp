@@ -29,8 +29,8 @@ bool CLuaStreamBase::PushFn() const {
 
 void CLuaStreamBase::ThrowText(const char* text) {
     // The handler that made the text goes with the unwinding; whoever catches
-    // the pointer (the thread's last stop) logs it before this thread throws
-    // again.
+    // the pointer (the binder's boundary, which makes it the failed call's
+    // Lua error) copies it before this thread throws again.
     thread_local std::string kept;
     kept = text != nullptr ? text : "";
     throw kept.c_str();

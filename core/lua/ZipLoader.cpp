@@ -5,11 +5,13 @@
 #include <wx/ffile.h>
 #include <wx/file.h>
 #include <wx/filename.h>
-#include <wx/wfstream.h>
-#include <wx/zipstrm.h>
 #include <zlib.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
 #include <lua.hpp>
 #include <memory>
 #include <mutex>
@@ -21,19 +23,86 @@ namespace VeskCore {
 namespace {
 
 constexpr size_t kBlock = 16384;
+// Far beyond any real module: a larger entry is a mistake or a decompression
+// bomb, and is refused before any of it is inflated.
+constexpr uint64_t kMaxModuleSize = uint64_t{16} << 20;
+
+constexpr unsigned long kLocalSignature = 0x04034b50u;
+constexpr unsigned long kCentralSignature = 0x02014b50u;
+constexpr unsigned long kEndSignature = 0x06054b50u;
+constexpr unsigned long kZip64EndSignature = 0x06064b50u;
+constexpr unsigned long kZip64LocatorSignature = 0x07064b50u;
+constexpr size_t kLocalSize = 30;
+constexpr size_t kCentralSize = 46;
+constexpr size_t kEndSize = 22;
+constexpr size_t kZip64EndSize = 56;
+constexpr size_t kZip64LocatorSize = 20;
+constexpr unsigned kStored = 0;
+constexpr unsigned kDeflated = 8;
+constexpr unsigned kEncrypted = 1;             // general-purpose flag
+constexpr unsigned long kDosDirectory = 0x10;  // external attribute
+
+uint64_t Little(const unsigned char* bytes, int count) {
+    uint64_t value = 0;
+    for (int i = count - 1; i >= 0; --i)
+        value = value << 8 | bytes[i];
+    return value;
+}
+
+// All `size` bytes at `offset`; false at the file's end or on an error.
+bool ReadAt(int fd, void* out, size_t size, uint64_t offset) {
+    auto* bytes = static_cast<char*>(out);
+    while (size > 0) {
+        if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()))
+            return false;
+        const ssize_t got = pread(fd, bytes, size, static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+        offset += static_cast<uint64_t>(got);
+    }
+    return true;
+}
 
 // What loading needs of an entry, as plain values: the index is shared by
-// threads, and wx's entries share counted parts that are not thread-safe.
+// threads. All of it comes from the central directory, which is what a
+// packer writes once it knows the sizes and CRC.
 struct IndexedEntry {
-    wxString name;            // in the native form
-    wxFileOffset offset = 0;  // of the local header
-    wxFileOffset compressedSize = 0;
-    int method = 0;
+    std::string name;     // the bytes the archive holds
+    uint64_t offset = 0;  // of the local header, data in front of the archive counted
+    uint64_t compressedSize = 0;
+    uint64_t size = 0;
+    uint32_t crc = 0;
+    unsigned method = 0;
+    unsigned flags = 0;
 };
+
+// A name that starts at the root, or has an empty, "." or ".." part, is no
+// module's: unpackers disagree on where such an entry lands, and wx would
+// quietly drop a leading "/" and make "/x.lua" the module x.
+bool IsModuleName(const std::string& name) {
+    size_t start = 0;
+    for (;;) {
+        const size_t slash = name.find('/', start);
+        const size_t end = slash == std::string::npos ? name.size() : slash;
+        const size_t length = end - start;
+        if (length == 0 || name.compare(start, length, ".") == 0 ||
+            name.compare(start, length, "..") == 0)
+            return false;
+        if (slash == std::string::npos)
+            return true;
+        start = slash + 1;
+    }
+}
 
 // One entry's bytes straight from the archive file: its local header at the
 // entry's offset, then the data, stored or deflated (inflated on the way).
-// Reading through wx's streams costs a dozen seeks and stats per entry.
+// Reading through wx's streams costs a dozen seeks and stats per entry. The
+// length and CRC are checked once the end is reached; any fault is kept as
+// the text that names it, and from then on the entry reads as ended.
 class EntryReader {
   public:
     EntryReader() = default;
@@ -44,91 +113,147 @@ class EntryReader {
             inflateEnd(&zip);
     }
 
-    // False when the entry is of another kind, or its header doesn't check out.
-    bool Open(int descriptor, const IndexedEntry& entry) {
-        if (entry.method != wxZIP_METHOD_STORE && entry.method != wxZIP_METHOD_DEFLATE)
-            return false;
-        unsigned char header[30];
-        if (pread(descriptor, header, sizeof header, entry.offset) != sizeof header ||
-            Little(header, 4) != 0x04034b50u)
-            return false;
+    // False, with the fault kept, when the entry cannot be loaded.
+    bool Open(int descriptor, uint64_t fileSize, const IndexedEntry& entry) {
+        if (entry.flags & kEncrypted)
+            return Fail("encrypted entry");
+        if (entry.method != kStored && entry.method != kDeflated)
+            return Fail("unsupported compression method " + std::to_string(entry.method));
+        if (entry.size > kMaxModuleSize)
+            return Fail("larger than the 16 MiB a module may have");
+        // The local header must name the same entry: a wrong name length there
+        // would move the start of the data.
+        std::string header(kLocalSize + entry.name.size(), '\0');
+        const auto* bytes = reinterpret_cast<const unsigned char*>(header.data());
+        if (!ReadAt(descriptor, &header[0], header.size(), entry.offset) ||
+            Little(bytes, 4) != kLocalSignature || Little(bytes + 8, 2) != entry.method ||
+            Little(bytes + 26, 2) != entry.name.size() ||
+            header.compare(kLocalSize, std::string::npos, entry.name) != 0)
+            return Fail("bad local header");
+        if (Little(bytes + 6, 2) & kEncrypted)
+            return Fail("encrypted entry");
         fd = descriptor;
-        next = entry.offset + sizeof header + Little(header + 26, 2) + Little(header + 28, 2);
+        next = entry.offset + header.size() + Little(bytes + 28, 2);
+        if (next > fileSize || entry.compressedSize > fileSize - next)
+            return Fail("entry runs past the end of the archive");
         end = next + entry.compressedSize;
-        if (entry.method == wxZIP_METHOD_DEFLATE) {
+        declared = entry.size;
+        crc = entry.crc;
+        if (entry.method == kDeflated) {
             if (inflateInit2(&zip, -MAX_WBITS) != Z_OK)
-                return false;
+                return Fail("out of memory");
             inflating = true;
         }
         return true;
     }
 
-    // Up to `size` bytes of the entry; 0 at its end or on an error.
+    // Up to `size` bytes of the entry; 0 at its end or on a fault.
     size_t Read(char* out, size_t size) {
-        if (!inflating)
-            return Raw(out, size);
-        zip.next_out = reinterpret_cast<Bytef*>(out);
-        zip.avail_out = static_cast<uInt>(size);
-        while (zip.avail_out > 0 && !ended) {
-            if (zip.avail_in == 0) {
-                const size_t got = Raw(input, sizeof input);
-                if (got == 0)
-                    break;
-                zip.next_in = reinterpret_cast<Bytef*>(input);
-                zip.avail_in = static_cast<uInt>(got);
-            }
-            const int status = inflate(&zip, Z_NO_FLUSH);
-            if (status == Z_STREAM_END)
-                ended = true;
-            else if (status != Z_OK)
-                break;
-        }
-        return size - zip.avail_out;
+        if (!fault.empty() || finished)
+            return 0;
+        // One byte past the declared length tells that the entry is longer,
+        // without inflating the rest of a bomb.
+        size = static_cast<size_t>(std::min<uint64_t>(size, declared - produced + 1));
+        const size_t got = inflating ? Inflate(out, size) : Raw(out, size);
+        produced += got;
+        if (produced > declared)
+            Fail("length differs from the central directory");
+        if (!fault.empty())
+            return 0;
+        if (got == 0)
+            finished = true;
+        sum = crc32(sum, reinterpret_cast<const Bytef*>(out), static_cast<uInt>(got));
+        return got;
     }
 
+    // Reads what lua_load left (it stops where a chunk breaks, and a binary
+    // chunk may end before the entry does), then checks the whole entry.
+    // Empty when it is sound; else the fault.
+    const std::string& Finish(char* scratch, size_t size) {
+        while (Read(scratch, size) > 0) {
+        }
+        if (fault.empty() && produced != declared)
+            Fail("length differs from the central directory");
+        if (fault.empty() && sum != crc)
+            Fail("CRC-32 mismatch");
+        return fault;
+    }
+
+    const std::string& Fault() const { return fault; }
+
   private:
-    static unsigned long Little(const unsigned char* bytes, int count) {
-        unsigned long value = 0;
-        for (int i = count - 1; i >= 0; --i)
-            value = value << 8 | bytes[i];
-        return value;
+    bool Fail(const std::string& text) {
+        if (fault.empty())
+            fault = text;
+        return false;
     }
 
     size_t Raw(char* out, size_t size) {
         if (next >= end)
             return 0;
-        const size_t wanted = std::min<wxFileOffset>(size, end - next);
-        const ssize_t got = pread(fd, out, wanted, next);
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, end - next));
+        ssize_t got;
+        do
+            got = pread(fd, out, wanted, static_cast<off_t>(next));
+        while (got < 0 && errno == EINTR);
+        if (got < 0)
+            Fail(std::string("read error: ") + std::strerror(errno));
+        else if (got == 0)
+            Fail("archive cut short while reading");
         if (got <= 0)
             return 0;
-        next += got;
+        next += static_cast<uint64_t>(got);
         return static_cast<size_t>(got);
     }
 
+    size_t Inflate(char* out, size_t size) {
+        zip.next_out = reinterpret_cast<Bytef*>(out);
+        zip.avail_out = static_cast<uInt>(size);
+        while (zip.avail_out > 0 && !ended) {
+            if (zip.avail_in == 0) {
+                const size_t got = Raw(input, sizeof input);
+                if (got == 0) {
+                    Fail("compressed data ends early");
+                    break;
+                }
+                zip.next_in = reinterpret_cast<Bytef*>(input);
+                zip.avail_in = static_cast<uInt>(got);
+            }
+            const int status = inflate(&zip, Z_NO_FLUSH);
+            if (status == Z_STREAM_END) {
+                ended = true;
+            } else if (status != Z_OK) {
+                Fail(status == Z_MEM_ERROR ? "out of memory" : "corrupt deflate data");
+                break;
+            }
+        }
+        return size - zip.avail_out;
+    }
+
     int fd = -1;
-    wxFileOffset next = 0;
-    wxFileOffset end = 0;
+    uint64_t next = 0;
+    uint64_t end = 0;
+    uint64_t declared = 0;
+    uint64_t produced = 0;
+    uint32_t crc = 0;
+    uLong sum = crc32(0, Z_NULL, 0);
     z_stream zip{};
     bool inflating = false;
     bool ended = false;
+    bool finished = false;
+    std::string fault;
     char input[kBlock];
 };
 
-// What lua_load reads from: the entry, directly or through wx's zip stream.
+// What lua_load reads from.
 struct StreamReaderState {
     char buffer[kBlock];
-    EntryReader* entry = nullptr;
-    wxInputStream* stream = nullptr;
+    EntryReader entry;
 };
 
 const char* StreamReader(lua_State*, void* data, size_t* size) {
     auto* reader = static_cast<StreamReaderState*>(data);
-    if (reader->entry != nullptr) {
-        *size = reader->entry->Read(reader->buffer, sizeof reader->buffer);
-    } else {
-        reader->stream->Read(reader->buffer, sizeof reader->buffer);
-        *size = reader->stream->LastRead();
-    }
+    *size = reader->entry.Read(reader->buffer, sizeof reader->buffer);
     return reader->buffer;
 }
 
@@ -147,6 +272,7 @@ EntryNames EntryNamesOf(const char* module) {
 // The state of one search, all of it plain data by the time Lua may raise.
 struct Search {
     std::string failures;  // the text for require, a line per archive
+    std::string damage;    // the fault of the last broken module, when not Lua's
     int loadStatus = LUA_OK;
     bool loaded = false;
     bool stopped = false;  // an archive that exists could not be opened
@@ -163,14 +289,137 @@ void AddFailure(Search& search, const wxString& line) {
     search.failures += line.utf8_string();
 }
 
+// Where the central directory lies, from the end record (and the zip64 end
+// record, when a locator is in front of the end record).
+struct Directory {
+    uint64_t begin = 0;
+    uint64_t end = 0;    // where the end records start
+    uint64_t shift = 0;  // added to every entry's offset: data in front of the archive
+};
+
+bool FindDirectory(int fd, uint64_t fileSize, Directory& found) {
+    // The end record closes the file, but for a comment of up to 64 KiB.
+    const size_t tail = static_cast<size_t>(std::min<uint64_t>(fileSize, kEndSize + 0xFFFF));
+    if (tail < kEndSize)
+        return false;
+    std::vector<unsigned char> bytes(tail);
+    if (!ReadAt(fd, bytes.data(), tail, fileSize - tail))
+        return false;
+    // The last signature whose comment runs to the end of the file; failing
+    // that, the last signature.
+    size_t record = tail;
+    for (size_t at = tail - kEndSize + 1; at-- > 0;) {
+        if (Little(&bytes[at], 4) != kEndSignature)
+            continue;
+        if (record == tail)
+            record = at;
+        if (at + kEndSize + Little(&bytes[at + 20], 2) == tail) {
+            record = at;
+            break;
+        }
+    }
+    if (record == tail)
+        return false;
+    uint64_t endAt = fileSize - tail + record;
+    uint64_t size = Little(&bytes[record + 12], 4);
+    uint64_t offset = Little(&bytes[record + 16], 4);
+    unsigned char locator[kZip64LocatorSize];
+    if (endAt >= kZip64LocatorSize &&
+        ReadAt(fd, locator, sizeof locator, endAt - kZip64LocatorSize) &&
+        Little(locator, 4) == kZip64LocatorSignature) {
+        // Data in front of the archive moves the zip64 end record from where
+        // the locator says; it is normally right in front of the locator.
+        const uint64_t before = endAt - kZip64LocatorSize;
+        const uint64_t last = before >= kZip64EndSize ? before - kZip64EndSize : 0;
+        for (const uint64_t at : {Little(locator + 8, 8), last}) {
+            unsigned char end64[kZip64EndSize];
+            if (before >= kZip64EndSize && at <= last && ReadAt(fd, end64, sizeof end64, at) &&
+                Little(end64, 4) == kZip64EndSignature) {
+                endAt = at;
+                size = Little(end64 + 40, 8);
+                offset = Little(end64 + 48, 8);
+                break;
+            }
+        }
+    }
+    if (size > endAt)
+        return false;
+    // The directory is where the end record says, or else it ends where the
+    // end records start, and the difference is data in front of the archive.
+    unsigned char signature[4];
+    if (ReadAt(fd, signature, sizeof signature, offset) &&
+        Little(signature, 4) == kCentralSignature) {
+        found = {offset, endAt, 0};
+    } else {
+        // Wraps when the offset is too large: no local header is then found.
+        found = {endAt - size, endAt, endAt - size - offset};
+    }
+    return true;
+}
+
+// The fields too wide for a central record sit in its zip64 extra field, in
+// this order, each only when the record holds all ones in its place.
+void Widen(const unsigned char* extra, size_t length, IndexedEntry& entry) {
+    for (size_t at = 0; length - at >= 4;) {
+        const size_t id = Little(extra + at, 2);
+        const size_t size = Little(extra + at + 2, 2);
+        at += 4;
+        if (size > length - at)
+            return;
+        if (id == 1) {
+            const unsigned char* field = extra + at;
+            const unsigned char* const fieldEnd = field + size;
+            for (uint64_t* value : {&entry.size, &entry.compressedSize, &entry.offset}) {
+                if (*value != 0xFFFFFFFFu)
+                    continue;
+                if (fieldEnd - field < 8)
+                    return;
+                *value = Little(field, 8);
+                field += 8;
+            }
+            return;
+        }
+        at += size;
+    }
+}
+
+// A span of the file read front to back, a block at a time.
+class Window {
+  public:
+    Window(int descriptor, uint64_t limit) : fd(descriptor), end(limit) {}
+
+    // `size` bytes at `at`, valid until the next call; null past the span's
+    // end or on a read error.
+    const unsigned char* At(uint64_t at, size_t size) {
+        if (at > end || end - at < size)
+            return nullptr;
+        if (at < start || at - start > bytes.size() || bytes.size() - (at - start) < size) {
+            bytes.resize(static_cast<size_t>(std::min<uint64_t>(end - at, std::max(size, kSpan))));
+            start = at;
+            if (!ReadAt(fd, bytes.data(), bytes.size(), at)) {
+                bytes.clear();
+                return nullptr;
+            }
+        }
+        return bytes.data() + (at - start);
+    }
+
+  private:
+    static constexpr size_t kSpan = 65536;
+    int fd;
+    uint64_t end;
+    uint64_t start = 0;
+    std::vector<unsigned char> bytes;
+};
+
 // The first entry of each name in one archive, in archive order, for as long
 // as the file stays the same file with the same size and time.
 class ArchiveIndex {
   public:
-    static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, wxFFileInputStream& file);
+    static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, int fd);
 
     // The entry that comes first of the two names, or null.
-    const IndexedEntry* FirstOf(const wxString& a, const wxString& b) const {
+    const IndexedEntry* FirstOf(const std::string& a, const std::string& b) const {
         const auto foundA = positions.find(a);
         const auto foundB = positions.find(b);
         size_t best = entries.size();
@@ -181,9 +430,11 @@ class ArchiveIndex {
         return best < entries.size() ? &entries[best] : nullptr;
     }
 
+    uint64_t FileSize() const { return static_cast<uint64_t>(identity.st_size); }
+
   private:
     struct stat identity {};
-    std::unordered_map<wxString, size_t, wxStringHash, wxStringEqual> positions;
+    std::unordered_map<std::string, size_t> positions;
     std::vector<IndexedEntry> entries;
 
     bool Describes(const struct stat& file) const {
@@ -192,17 +443,40 @@ class ArchiveIndex {
                identity.st_mtim.tv_nsec == file.st_mtim.tv_nsec;
     }
 
-    // Walks every entry once; a corrupt archive reads as one without entries.
-    void Read(wxInputStream& file) {
-        wxZipInputStream zip(file, wxConvUTF8);
-        for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry;
-             entry.reset(zip.GetNextEntry())) {
-            if (entry->IsDir())
+    // Walks the central directory once. wx's walk is not used: it rewrites
+    // names ("/x.lua" becomes "x.lua") before they can be judged. A corrupt
+    // archive reads as one without entries, or with those before the damage.
+    void Read(int fd) {
+        Directory directory;
+        if (!FindDirectory(fd, FileSize(), directory))
+            return;
+        Window window(fd, directory.end);
+        for (uint64_t at = directory.begin;;) {
+            const unsigned char* record = window.At(at, kCentralSize);
+            if (record == nullptr || Little(record, 4) != kCentralSignature)
+                return;
+            const size_t nameLength = Little(record + 28, 2);
+            const size_t extraLength = Little(record + 30, 2);
+            const size_t commentLength = Little(record + 32, 2);
+            record = window.At(at, kCentralSize + nameLength + extraLength);
+            if (record == nullptr)
+                return;
+            IndexedEntry entry;
+            entry.name.assign(reinterpret_cast<const char*>(record + kCentralSize), nameLength);
+            entry.flags = static_cast<unsigned>(Little(record + 8, 2));
+            entry.method = static_cast<unsigned>(Little(record + 10, 2));
+            entry.crc = static_cast<uint32_t>(Little(record + 16, 4));
+            entry.compressedSize = Little(record + 20, 4);
+            entry.size = Little(record + 24, 4);
+            entry.offset = Little(record + 42, 4);
+            Widen(record + kCentralSize + nameLength, extraLength, entry);
+            entry.offset += directory.shift;
+            const bool directoryEntry = (Little(record + 38, 4) & kDosDirectory) != 0;
+            at += kCentralSize + nameLength + extraLength + commentLength;
+            if (directoryEntry || !IsModuleName(entry.name) ||
+                !positions.emplace(entry.name, entries.size()).second)
                 continue;
-            const wxString name = entry->GetName(wxPATH_NATIVE);
-            if (positions.emplace(name, entries.size()).second)
-                entries.push_back(
-                    {name, entry->GetOffset(), entry->GetCompressedSize(), entry->GetMethod()});
+            entries.push_back(std::move(entry));
         }
     }
 };
@@ -211,10 +485,9 @@ std::mutex s_IndexGuard;
 std::unordered_map<wxString, std::shared_ptr<const ArchiveIndex>, wxStringHash, wxStringEqual>
     s_Indexes;
 
-std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path,
-                                                     wxFFileInputStream& file) {
+std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path, int fd) {
     struct stat identity {};
-    if (fstat(fileno(file.GetFile()->fp()), &identity) != 0)
+    if (fstat(fd, &identity) != 0)
         return nullptr;
     {
         std::lock_guard<std::mutex> lock(s_IndexGuard);
@@ -224,61 +497,56 @@ std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path,
     }
     auto index = std::make_shared<ArchiveIndex>();
     index->identity = identity;
-    index->Read(file);
+    index->Read(fd);
     std::lock_guard<std::mutex> lock(s_IndexGuard);
     s_Indexes[path] = index;
     return index;
 }
 
-// An entry the direct reader doesn't take (another method, data in front of
-// the archive): wx's zip stream walks to it. False when it is gone.
-// lua_load runs protected: it returns a status and never raises.
-bool LoadThroughWx(lua_State* L, wxFFileInputStream& file, const wxString& name,
-                   const std::string& chunkName, StreamReaderState& reader, Search& search) {
-    file.SeekI(0);
-    wxZipInputStream zip(file, wxConvUTF8);
-    for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry;
-         entry.reset(zip.GetNextEntry())) {
-        if (entry->IsDir() || entry->GetName(wxPATH_NATIVE) != name)
-            continue;
-        reader.stream = &zip;
-        search.loadStatus = lua_load(L, StreamReader, &reader, chunkName.c_str(), nullptr);
-        return true;
+// Compiles the entry; a damaged one counts as a module that does not compile.
+// lua_load runs protected and only compiles: a chunk from bytes that fail
+// their checks is dropped before anyone can run it.
+void LoadEntry(lua_State* L, int fd, const ArchiveIndex& index, const IndexedEntry& entry,
+               const std::string& chunkName, Search& search) {
+    // A search keeps one value pushed at most: the last broken module's.
+    if (search.loadStatus != LUA_OK && search.damage.empty())
+        lua_pop(L, 1);
+    search.damage.clear();
+    auto reader = std::make_unique<StreamReaderState>();
+    if (reader->entry.Open(fd, index.FileSize(), entry)) {
+        search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
+        if (reader->entry.Finish(reader->buffer, sizeof reader->buffer).empty())
+            return;
+        lua_pop(L, 1);  // the function or message made of damaged bytes
     }
-    return false;
+    search.loadStatus = LUA_ERRFILE;
+    search.damage = chunkName + ": " + reader->entry.Fault();
 }
 
-// Looks for the module in one archive; on a match, lua_load pushes (+1) the
-// chunk or the error message.
+// Looks for the module in one archive; on a match, pushes (+1) the chunk or
+// Lua's message, or records the entry's fault.
 void SearchArchive(lua_State* L, const wxString& archive, const EntryNames& names, Search& search) {
     if (!wxFile::Exists(archive)) {
         AddFailure(search, wxString::Format(wxS("\n\tno file '%s'"), archive));
         return;
     }
-    wxFFileInputStream file(archive, wxS("rb"));
-    if (!file.IsOk()) {
+    wxFFile file(archive, wxS("rb"));
+    if (!file.IsOpened()) {
         if (search.loadStatus == LUA_OK) {
             AddFailure(search, wxString::Format(wxS("\n\terror opening file '%s'"), archive));
             search.stopped = true;
         }
         return;
     }
-    const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, file);
-    const IndexedEntry* found = index ? index->FirstOf(names.file, names.init) : nullptr;
+    const int fd = fileno(file.fp());
+    const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, fd);
+    const IndexedEntry* found =
+        index ? index->FirstOf(names.file.utf8_string(), names.init.utf8_string()) : nullptr;
     if (found == nullptr) {
         AddFailure(search, NotInArchive(names, archive));
         return;
     }
-    const std::string chunkName = (archive + wxS(":") + found->name).utf8_string();
-    auto reader = std::make_unique<StreamReaderState>();
-    EntryReader direct;
-    if (direct.Open(fileno(file.GetFile()->fp()), *found)) {
-        reader->entry = &direct;
-        search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
-    } else if (!LoadThroughWx(L, file, found->name, chunkName, *reader, search)) {
-        AddFailure(search, NotInArchive(names, archive));
-        return;
-    }
+    LoadEntry(L, fd, *index, *found, archive.utf8_string() + ":" + found->name, search);
     search.loaded = search.loadStatus == LUA_OK;
 }
 
@@ -306,6 +574,8 @@ int ZipLoader(lua_State* L) {
         raise = search.loadStatus != LUA_OK;
         if (!raise)
             lua_pushlstring(L, search.failures.data(), search.failures.size());
+        else if (!search.damage.empty())
+            lua_pushlstring(L, search.damage.data(), search.damage.size());
     }
     // Raised once the search and its text are gone: lua_error never returns.
     if (raise)

@@ -2,6 +2,7 @@
 
 #include <lua.hpp>
 
+#include "core/common/SystemUtil.h"
 #include "core/runtime/AppPrivateData.h"
 #include "core/runtime/Runnable.h"
 #include "slb/ClassInfo.h"
@@ -179,6 +180,10 @@ bool CApp::ServiceIsRunning(const wxString& name) const {
     return Data()->ServiceIsRunning(name);
 }
 
+std::vector<wxString> CApp::RunningServices() const {
+    return Data()->RunningServices();
+}
+
 wxUint32 CApp::ThreadRegister(CRunnable* thread) {
     return Data()->ThreadRegister(thread);
 }
@@ -209,7 +214,7 @@ bool CApp::ShouldExit(unsigned int msecToWait) const {
         return true;
     if (CRunnable* runnable = CRunnable::This())
         return runnable->TestDestroy(msecToWait);
-    wxThread::Sleep(msecToWait);
+    SleepMilliseconds(msecToWait);
     return false;
 }
 

@@ -26,6 +26,7 @@
 #include <wx/string.h>
 
 #include <string>
+#include <vector>
 
 #include "core/common/Export.h"
 #include "core/common/Maps.h"
@@ -73,6 +74,10 @@ class VESK_EXPORT CApp : public wxObject {
     bool ServiceStop(const wxString& name);
     // Whether the service is in the table (its thread may have ended).
     bool ServiceIsRunning(const wxString& name) const;
+    // The names of the services whose threads have not ended, sorted: what a
+    // host watches to learn that every service has ended, or which ones a
+    // stop is still waiting for.
+    std::vector<wxString> RunningServices() const;
 
     wxUint32 ThreadRegister(CRunnable* thread);
     CRunnable* ThreadUnRegister(wxUint32 handle);
@@ -84,7 +89,7 @@ class VESK_EXPORT CApp : public wxObject {
     // Waits for every service to end (no time limit) and disposes of them.
     void Shutdown();
     // True after InitiateShutdown; else the calling CRunnable's TestDestroy;
-    // else a plain sleep and false.
+    // else a plain sleep (at most kLongestSleepMs) and false.
     bool ShouldExit(unsigned int msecToWait) const;
 
     // The trace mask of service start and stop: "App".

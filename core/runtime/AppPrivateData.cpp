@@ -3,6 +3,8 @@
 #include <openssl/rand.h>
 #include <wx/log.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <lua.hpp>
 
@@ -416,12 +418,29 @@ bool AppPrivateData::ServiceIsRunningHaveLock(const wxString& name) const {
     return services.find(name) != services.end();
 }
 
+std::vector<wxString> AppPrivateData::RunningServices() {
+    std::vector<wxString> names;
+    {
+        wxMutexLocker lock(serviceMutex);
+        for (const auto& entry : services)
+            if (static_cast<CLuaThread*>(entry.second)->isRunning())
+                names.push_back(entry.first);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 wxUint32 AppPrivateData::ThreadRegister(CRunnable* thread) {
     wxUint32 candidate = SystemTickCount();
     wxUint16 step = 0;
-    RAND_bytes(reinterpret_cast<unsigned char*>(&step), sizeof step);
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(&step), sizeof step) != 1)
+        step = static_cast<wxUint16>(reinterpret_cast<uintptr_t>(thread) >> 4);
+    // Odd, so that stepping visits every 32-bit value before it repeats: a
+    // step of 0 would try the same taken handle for ever.
+    step |= 1;
     for (;;) {
-        {
+        // 0 is the handle of a thread that is not registered.
+        if (candidate != 0) {
             wxMutexLocker lock(threadMutex);
             const auto entry = threads.find(candidate);
             if (entry == threads.end() || entry->second == thread) {

@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "core/common/Maps.h"
 #include "core/lua/LuaInterpreter.h"
@@ -69,6 +70,7 @@ class AppPrivateData : public wxObjectRefData {
     bool ServiceStop(const wxString& name);
     bool ServiceIsRunning(const wxString& name);
     bool ServiceIsRunningHaveLock(const wxString& name) const;
+    std::vector<wxString> RunningServices();
 
     wxUint32 ThreadRegister(CRunnable* thread);
     CRunnable* ThreadUnRegister(wxUint32 handle);

@@ -38,13 +38,15 @@ int PublishApp(lua_State* L) {
 }  // namespace
 
 CLuaThread::CLuaThread(const wxString& chunk, const std::string& threadName, CApp* app)
-    : CRunnable(false, -1, false), chunk(chunk), app(app) {
+    : CRunnable(false, -1, false),
+      chunk(chunk),
+      app(app != nullptr ? std::make_unique<CApp>(*app) : nullptr) {
     if (threadName.empty())
         throw std::invalid_argument("CLuaThread: a thread needs a name");
     const size_t length = std::min(threadName.size(), sizeof this->threadName - 1);
     memcpy(this->threadName, threadName.data(), length);
     this->threadName[length] = '\0';
-    Register(app);
+    Register(this->app.get());
 }
 
 // A worker idles until asked to exit, so it is asked before it is waited for.
@@ -53,9 +55,9 @@ CLuaThread::~CLuaThread() {
         requestExit();
     join();
     if (app != nullptr)
-        UnRegister(app);
+        UnRegister(app.get());
     threadName[0] = '\0';
-    app = nullptr;
+    app.reset();
 }
 
 bool CLuaThread::RunScript(const wxString& chunk, CRunnable* awakenTarget) {
@@ -111,7 +113,7 @@ void CLuaThread::PrepareState() {
                            app->Get("app.lua.cpath"), app->Get("app.lua.zippath"));
     lua_State* const state = L();
     lua_pushcfunction(state, PublishApp);
-    lua_pushlightuserdata(state, app);
+    lua_pushlightuserdata(state, app.get());
     if (lua_pcall(state, 1, 0, 0) != LUA_OK) {
         wxLogError(wxS("CLuaThread: no global 'app' in thread '%s': %s"),
                    wxString::FromUTF8(threadName), wxString::FromUTF8(lua_tostring(state, -1)));

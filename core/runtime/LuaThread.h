@@ -7,14 +7,18 @@
 // between threads only this way, as source text: Lua values can't cross
 // states. There is no queue: RunScript on a busy thread returns false.
 //
-// Ownership: the CApp passed in is not owned and must outlive the thread.
+// Ownership: the thread keeps a handle of its own on the application it was
+// given, so a script that drops its App object first leaves no thread with a
+// dangling one (a copy of a service's handle counts for nothing, as ever).
 // Thread safety: RunScript, isIdle and IdleTime may be called from any thread.
 #pragma once
 
 #include <wx/string.h>
 
+#include <memory>
 #include <string>
 
+#include "core/runtime/App.h"
 #include "core/runtime/Runnable.h"
 
 namespace VeskCore {
@@ -56,7 +60,7 @@ class VESK_EXPORT CLuaThread : public CRunnable {
     std::atomic<bool> idle{false};
     wxMutex chunkMutex;
     wxString chunk;
-    CApp* app;
+    std::unique_ptr<CApp> app;
     CRunnable* awakenTarget = nullptr;
     char threadName[64];
     unsigned int idleSince = 0;

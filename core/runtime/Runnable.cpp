@@ -62,16 +62,25 @@ CRunnable::~CRunnable() {
     free(awakenEvents);
 }
 
+// wx's results are looked at where ignoring them costs memory safety: Run
+// makes the system thread by itself when Create was not asked for, so only
+// its result tells whether there is a thread to join; a second start and a
+// Run after a failed Create are wx assertions, and a thread that never ran
+// must not count as running.
 void CRunnable::start(unsigned int priority, bool create, unsigned int stackSize) {
     exitRequested = false;
+    if (created)
+        return;  // a thread runs once
     try {
-        if (create && Create(stackSize) == wxTHREAD_NO_ERROR)
-            created = true;
+        if (create && Create(stackSize) != wxTHREAD_NO_ERROR)
+            return;
         if (priority != 50)
-            SetPriority(priority);
+            SetPriority(std::min(priority, static_cast<unsigned int>(wxPRIORITY_MAX)));
         SetIdealProcessor(idealProcessor);
         running = true;
-        Run();
+        created = Run() == wxTHREAD_NO_ERROR;
+        if (!created)
+            running = false;
     } catch (...) {
         OnExit();
     }
@@ -122,6 +131,10 @@ wxThreadError CRunnable::Delete(ExitCode* rc) {
 }
 
 bool CRunnable::TestDestroy(unsigned int msecToWait) {
+    // The wait and wx's own test belong to the thread itself; another thread
+    // (a script holding this thread's object) gets the answer at once.
+    if (wxThread::This() != this)
+        return exitRequested;
     const bool locked = awakenMutex.Lock() == wxMUTEX_NO_ERROR;
     bool stop = wxThread::TestDestroy() || exitRequested;
     if (!stop) {

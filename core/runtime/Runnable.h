@@ -41,8 +41,9 @@ class VESK_EXPORT CRunnable : public wxThread {
     CRunnable(const CRunnable&) = delete;
     CRunnable& operator=(const CRunnable&) = delete;
 
-    // Creates (when `create`) and runs the thread; wx's failures are not
-    // reported, and an exception on the way calls OnExit and is swallowed.
+    // Creates (when `create`) and runs the thread, once: a later call does
+    // nothing. wx's failures are not reported (the thread then does not
+    // run), and an exception on the way calls OnExit and is swallowed.
     void start(unsigned int priority, bool create, unsigned int stackSize);
     void startWithDefaults() { start(50, true, 0); }
     // Waits for the thread to end; at once if it has ended. Returns its exit
@@ -59,7 +60,8 @@ class VESK_EXPORT CRunnable : public wxThread {
     virtual void Awaken();
     // The thread's loop test and sleep: true when it should stop. Otherwise
     // waits up to the longer of `msecToWait` and what the CPU limit demands
-    // (0xFFFFFFFF: until awakened).
+    // (0xFFFFFFFF: until awakened). Called from another thread it answers at
+    // once, without waiting.
     virtual bool TestDestroy(unsigned int msecToWait);
     using wxThread::TestDestroy;
     virtual wxThreadError Delete(ExitCode* rc);
@@ -129,7 +131,8 @@ class VESK_EXPORT CRunnable : public wxThread {
     Shared<long long> startTimeMs{-1};  // wall clock at Entry; -1 before
     wxUint32 handle = 0;
     CLuaInterpreter* interpreter = nullptr;
-    // Set once the system thread exists, so that only a created thread is joined.
+    // Set once the system thread runs, so that exactly a running thread is
+    // joined. Written by start, which the owner calls before any join.
     bool created = false;
 };
 

@@ -17,7 +17,7 @@
 #include "core/host/PlatformString.h"
 #include "core/http/OpenSslUtil.h"
 #include "core/lua/CmdGetHostInfo.h"
-#include "core/lua/LuaChunkEnd.h"
+#include "core/lua/NativeError.h"
 #include "core/runtime/LogTrace.h"
 #include "core/runtime/Version.h"
 #include "slb/ClassInfo.h"
@@ -85,7 +85,7 @@ bool CallCommand(lua_State* L, NativeCommand command, const char* request, size_
                  wxInputStream& in, wxOutputStream& out, const SLB::ClassInfo& inputClass) {
     CommandResult result;
     if (std::exception_ptr failure = RunCommand(command, request, length, in, out, result)) {
-        CLuaChunkEnd::PushNativeException(L, std::move(failure));
+        PushNativeError(L, std::move(failure));
         return true;
     }
     lua_pushboolean(L, result.handled ? 1 : 0);
@@ -233,6 +233,7 @@ int VeskCore_Term() {
 }
 
 int luaopen_vesk_core(lua_State* L) {
+    InstallNativeErrorHandler();
     if (SLB::Manager::getInstance(L) == nullptr) {
         VeskLua_Init();
         SLB::Manager::defaultManager()->registerSLB(L);

@@ -18,7 +18,9 @@
 --
 -- The file is settings["agent.state.dir"] .. "/config.xml", written to a
 -- temporary file first and renamed over the old one, so a reader sees the old
--- document or the new one, never a part. With no state directory the items
+-- document or the new one, never a part. The temporary file's name is the
+-- writer's own ("config.xml.new.<process>.<object>"): two writers sharing one
+-- name would write into each other's file. With no state directory the items
 -- live in memory only.
 local vesk = require "vesk_core"
 
@@ -84,9 +86,17 @@ function Config:load()
   return true
 end
 
+-- The process id, where the system tells it: one name per process.
+local function processId()
+  local stat = io.open("/proc/self/stat", "rb")
+  local pid = stat and stat:read("*n")
+  if stat then stat:close() end
+  return pid and ("%d"):format(pid) or tostring(os.time())
+end
+
 function Config:save()
   if not self.path then return true end
-  local temporary = self.path .. ".new"
+  local temporary = self.temporary
   local file, message = io.open(temporary, "wb")
   if not file then return false, message end
   local ok, written = pcall(file.write, file, self:document())
@@ -132,6 +142,10 @@ end
 return function()
   local dir = settings and settings["agent.state.dir"]
   local config = setmetatable({ items = {} }, Config)
-  if type(dir) == "string" and dir ~= "" then config.path = dir .. "/config.xml" end
+  if type(dir) == "string" and dir ~= "" then
+    config.path = dir .. "/config.xml"
+    -- Two objects of one process differ by their address.
+    config.temporary = ("%s.new.%s.%s"):format(config.path, processId(), tostring(config):match("0x(%x+)") or "0")
+  end
   return config
 end

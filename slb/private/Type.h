@@ -125,13 +125,30 @@ struct Type<bool> {
     static void push(lua_State* L, bool value) { lua_pushboolean(L, value); }
 };
 
+// A Lua number as an integer of type T: truncated toward zero and saturated
+// at T's limits, NaN giving 0. The plain cast is undefined out of range, and
+// wrapping would turn a script's -1 into the largest count there is.
+template <class T>
+T saturatingInteger(lua_Number number) {
+    static_assert(std::is_integral_v<T>);
+    if (std::isnan(number))
+        return 0;
+    if (number <= static_cast<lua_Number>(std::numeric_limits<T>::min()))
+        return std::numeric_limits<T>::min();
+    // The limit of a 64-bit type rounds up to 2^63 or 2^64 as a double, so
+    // reaching it already saturates.
+    if (number >= static_cast<lua_Number>(std::numeric_limits<T>::max()))
+        return std::numeric_limits<T>::max();
+    return static_cast<T>(number);
+}
+
 // Integers travel as Lua integers; a non-number reads as 0.
 template <class T>
 struct Type<T, std::enable_if_t<std::is_integral_v<T> &&
                                 (sizeof(T) < sizeof(long) || std::is_signed_v<T>)>> {
     using Stored = T;
     static T get(lua_State* L, int index) {
-        return static_cast<T>(lua_tointegerx(L, index, nullptr));
+        return saturatingInteger<T>(lua_tonumberx(L, index, nullptr));
     }
     static T pass(T stored) { return stored; }
     static void push(lua_State* L, T value) { lua_pushinteger(L, static_cast<lua_Integer>(value)); }
@@ -148,20 +165,11 @@ struct Type<T, std::enable_if_t<std::is_floating_point_v<T> ||
     static void push(lua_State* L, T value) { lua_pushnumber(L, static_cast<lua_Number>(value)); }
 
   private:
-    // Conversions the C++ cast leaves undefined get the two's complement
-    // result for negative values and saturate above the range.
     static T fromNumber(lua_Number number) {
-        if constexpr (std::is_floating_point_v<T>) {
+        if constexpr (std::is_floating_point_v<T>)
             return static_cast<T>(number);
-        } else {
-            if (std::isnan(number))
-                return 0;
-            if (number < 0)
-                return number > -9.2e18 ? static_cast<T>(static_cast<long long>(number)) : 0;
-            if (number >= 18446744073709551615.0)
-                return std::numeric_limits<T>::max();
-            return static_cast<T>(number);
-        }
+        else
+            return saturatingInteger<T>(number);
     }
 };
 

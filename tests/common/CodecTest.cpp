@@ -9,6 +9,7 @@
 #include "core/common/HexCodec.h"
 #include "tests/common/CommonTestSupport.h"
 #include "tests/support/CapturingLog.h"
+#include "tests/support/Tools.h"
 
 using namespace VeskCore;
 using VeskTest::ToolOutput;
@@ -24,6 +25,7 @@ std::string Without(std::string text, char drop) {
 }
 
 TEST(Base64Test, MatchesAndReadsCoreutilsAndOpenSsl) {
+    VESK_SKIP_WITHOUT_TOOLS("base64", "openssl");
     VeskTest::ScratchDir dir;
     const std::string file = dir / "in";
     for (size_t size : kSizes) {
@@ -53,6 +55,7 @@ TEST(Base64Test, BadInputGivesWhatDecodedBeforeIt) {
 }
 
 TEST(HexTest, MatchesXxdModuloSeparatorsAndReadsEverySeparator) {
+    VESK_SKIP_WITHOUT_TOOLS("xxd");
     VeskTest::ScratchDir dir;
     for (size_t size : kSizes) {
         const std::string data = VeskTest::RandomBytes(size, static_cast<unsigned>(size) + 3);

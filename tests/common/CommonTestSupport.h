@@ -13,12 +13,12 @@
 
 namespace VeskTest {
 
-// A fresh directory under /tmp, removed with everything in it.
+// A fresh directory in the test's temporary folder, removed with everything in it.
 class ScratchDir {
   public:
     ScratchDir() {
-        char pattern[] = "/tmp/vesk-common-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
+        std::string pattern = ::testing::TempDir() + "vesk-common-XXXXXX";
+        path_ = mkdtemp(&pattern[0]) != nullptr ? pattern : "";
         EXPECT_FALSE(path_.empty());
     }
     ~ScratchDir() { Shell("rm -rf '" + path_ + "'"); }

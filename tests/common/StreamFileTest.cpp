@@ -1,27 +1,19 @@
-// Streams, directory trees, replacement, permissions and mapped files, on the
-// real file system.
+// Streams and mapped files, on the real file system.
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <wx/mstream.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "core/common/FileUtil.h"
 #include "core/common/MappedFile.h"
 #include "core/common/StreamUtil.h"
 #include "tests/common/CommonTestSupport.h"
 #include "tests/support/CapturingLog.h"
 
 using namespace VeskCore;
-using VeskTest::ReadFile;
 using VeskTest::ScratchDir;
 using VeskTest::WriteFile;
 
@@ -29,16 +21,6 @@ namespace {
 
 wxString Wx(const std::string& path) {
     return wxString::FromUTF8(path);
-}
-
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-mode_t ModeOf(const std::string& path) {  // type bits included; never follows a link
-    struct stat info {};
-    EXPECT_EQ(lstat(path.c_str(), &info), 0) << path;
-    return info.st_mode;
 }
 
 size_t OpenDescriptors() {
@@ -104,108 +86,6 @@ TEST(StreamTest, SizeKeepsThePositionAndCopyDrainsTheInputWhateverHappens) {
     wxMemoryInputStream empty(nullptr, 0);
     EXPECT_TRUE(CopyStream(empty, full, true, nullptr, nullptr));
     EXPECT_EQ(full.syncs, 1);
-}
-
-// source/ with a hidden file, a nested directory, links to a file and to a
-// directory outside, and a link back up the tree.
-void MakeTree(const ScratchDir& dir) {
-    ASSERT_EQ(
-        ScratchDir::Shell("cd " + dir.path() +
-                          " && mkdir -p source/sub/deeper outside && chmod 755 source/sub"
-                          " && echo hidden > source/.hidden && echo deep > source/sub/deeper/f"
-                          " && echo out > outside/o && ln -s ../.hidden source/sub/link"
-                          " && ln -s ../outside source/dirlink && ln -s .. source/sub/up"),
-        0);
-}
-
-TEST(DirectoryTest, CopyTakesHiddenFilesFollowsLinksButNoLoops) {
-    ScratchDir dir;
-    MakeTree(dir);
-    VeskTest::CapturingLog log;
-    ASSERT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
-    EXPECT_EQ(ReadFile(dir / "copy/.hidden") + ReadFile(dir / "copy/sub/deeper/f"),
-              "hidden\ndeep\n");
-    EXPECT_TRUE(S_ISREG(ModeOf(dir / "copy/sub/link")));  // the content, not a link
-    EXPECT_EQ(ModeOf(dir / "copy/dirlink"), S_IFDIR | 0700u);
-    EXPECT_EQ(ModeOf(dir / "copy/sub"), S_IFDIR | 0700u);
-    EXPECT_EQ(ReadFile(dir / "copy/dirlink/o"), "out\n");
-    EXPECT_FALSE(Exists(dir / "copy/sub/up"));  // leads back into the tree being copied
-    EXPECT_TRUE(log.Contains("directory is already being copied"));
-
-    const size_t before = log.Lines().size();
-    EXPECT_FALSE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
-    ASSERT_EQ(log.Lines().size(), before + 1);  // one line, carrying mkdir's own error
-    EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "copy/") + ":  (error 17: File exists)"));
-    WriteFile(dir / "copy/.hidden", "changed");
-    WriteFile(dir / "copy/extra", "kept");
-    EXPECT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), true));  // merges
-    EXPECT_EQ(ReadFile(dir / "copy/.hidden") + ReadFile(dir / "copy/extra"), "hidden\nkept");
-
-    // Into the source itself: copied once, not nested without end.
-    EXPECT_TRUE(CopyDirectory(Wx(dir / "source/inner"), Wx(dir / "source"), false));
-    EXPECT_EQ(ReadFile(dir / "source/inner/sub/deeper/f"), "deep\n");
-    EXPECT_FALSE(Exists(dir / "source/inner/inner"));
-    EXPECT_FALSE(CopyDirectory(Wx(dir / "x"), Wx(dir / "missing"), false));
-    EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "missing/") + ": "));
-}
-
-TEST(DirectoryTest, RemoveDeletesTheTreeButNothingALinkPointsAt) {
-    ScratchDir dir;
-    MakeTree(dir);
-    EXPECT_TRUE(RemoveDirectory(Wx(dir / "source")));
-    EXPECT_FALSE(Exists(dir / "source"));
-    ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "link").c_str()), 0);
-    VeskTest::CapturingLog log;
-    EXPECT_FALSE(RemoveDirectory(Wx(dir / "link")));  // a link is no directory to empty
-    EXPECT_EQ(ReadFile(dir / "outside/o"), "out\n");
-    EXPECT_TRUE(log.Contains("RemoveDirectory: " + (dir / "link") + " (error 20: "));
-}
-
-TEST(ReplaceFileTest, ReadersSeeTheOldOrTheNewFileNeverAMix) {
-    ScratchDir dir;
-    const std::string oldText(1 << 20, 'o'), newText(1 << 20, 'n');
-    WriteFile(dir / "target", oldText);
-    std::atomic<bool> done{false};
-    std::atomic<int> reads{0}, torn{0};
-    std::thread reader([&] {
-        for (; !done; ++reads) {
-            const std::string seen = ReadFile(dir / "target");
-            torn += seen != oldText && seen != newText;
-        }
-    });
-    for (int i = 0; i < 40 || reads < 20; ++i) {
-        WriteFile(dir / "next", i % 2 == 0 ? newText : oldText);
-        ASSERT_TRUE(ReplaceFile(Wx(dir / "next"), Wx(dir / "target")));
-    }
-    done = true;
-    reader.join();
-    EXPECT_EQ(torn, 0);
-
-    VeskTest::CapturingLog log;
-    EXPECT_FALSE(ReplaceFile(Wx(dir / "next"), Wx(dir / "target")));
-    EXPECT_EQ(log.Texts(wxLOG_Error).at(0), "3006|rename|" + (dir / "next") + " -> " +
-                                                (dir / "target") +
-                                                "|2 (No such file or directory)");
-}
-
-TEST(PermissionTest, SecureModesAndCloseOnExec) {
-    ScratchDir dir;
-    WriteFile(dir / "f", "x");
-    ASSERT_EQ(chmod((dir / "f").c_str(), 0666) | mkdir((dir / "d").c_str(), 0777), 0);
-    SecureFileOrDirectory(Wx(dir / "f"), true);
-    SecureFileOrDirectory(Wx(dir / "d"), false);
-    EXPECT_EQ(ModeOf(dir / "f"), S_IFREG | 0600u);
-    EXPECT_EQ(ModeOf(dir / "d"), S_IFDIR | 0700u);
-    SecureFileOrDirectory(Wx(dir / "d"), true);
-    EXPECT_EQ(ModeOf(dir / "d"), S_IFDIR | 0711u);
-
-    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    EXPECT_TRUE(SetInheritable(fd, true));
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_TRUE(SetInheritable(fd, false));
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    close(fd);
-    EXPECT_FALSE(SetInheritable(fd, true));
 }
 
 TEST(MappedFileTest, MapsLargeFilesAndRefusesEmptyOnesAndDirectories) {

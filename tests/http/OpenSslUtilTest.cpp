@@ -4,6 +4,7 @@
 #include "core/http/OpenSslUtil.h"
 #include "tests/common/CommonTestSupport.h"
 #include "tests/support/CapturingLog.h"
+#include "tests/support/Tools.h"
 
 using namespace VeskCore;
 using namespace VeskTest;
@@ -74,6 +75,7 @@ TEST(OpenSslTextTest, ErrorsAndDigestsOfText) {
 class OpenSslPackageTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
+        VESK_SKIP_WITHOUT_TOOLS("openssl", "python3", "sha256sum", "xxd");
         dir_ = new ScratchDir;
         ToolOutput("cd " + dir_->path() + R"( && set -e
 printf 'vesk configuration package\n' >content

@@ -44,35 +44,41 @@ class NativeException : public ::testing::Test {
     int Run(const char* source) {
         return lua.RunScript(wxString::FromUTF8(source), 0, 0, wxS("test"), nullptr);
     }
+    std::string Global(const char* name) {
+        lua_getglobal(lua.L(), name);
+        const char* value = luaL_tolstring(lua.L(), -1, nullptr);
+        std::string text = value ? value : "";
+        lua_pop(lua.L(), 2);
+        return text;
+    }
 
     VeskTest::CapturingLog log;
     CLuaInterpreter lua{false, nullptr, true};
 };
 
-TEST_F(NativeException, ReachesTheCallerOfRunScriptThroughPcallAndCoroutines) {
+TEST_F(NativeException, IsALuaErrorThatPcallCatchesAfterTheNativeFrameUnwound) {
     const int base = lua_gettop(lua.L());
-    for (const char* source :
-         {"SLB.test.throw('plain')", "pcall(SLB.test.throw, 'plain') reached = true",
-          "local co = coroutine.wrap(function() pcall(SLB.test.throw, 'plain') end) pcall(co) "
-          "reached = true"}) {
-        try {
-            Run(source);
-            ADD_FAILURE() << "no exception from " << source;
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "plain") << source;
-        }
-        lua_getglobal(lua.L(), "reached");
-        EXPECT_TRUE(lua_isnil(lua.L(), -1)) << source;
-        lua_pop(lua.L(), 1);
-        EXPECT_EQ(lua_gettop(lua.L()), base);
-    }
+    ASSERT_EQ(Run("ok, message = pcall(SLB.test.throw, 'plain') reached = true\n"
+                  "local co = coroutine.wrap(function() return pcall(SLB.test.throw, 'co') end)\n"
+                  "coOk, coMessage = co()\n"
+                  "intOk, intMessage = pcall(SLB.test.throw, 'int')"),
+              0);
+    EXPECT_EQ(Global("reached"), "true");
+    EXPECT_EQ(Global("ok"), "false");
+    EXPECT_EQ(Global("message"), "plain");
+    EXPECT_EQ(Global("coMessage"), "co");
+    EXPECT_EQ(Global("intMessage"), "C++ exception 7");
     EXPECT_EQ(s_Destroyed, 3);  // native frames unwound by C++, not skipped by longjmp
+    EXPECT_EQ(lua_gettop(lua.L()), base);
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST_F(NativeException, AnyThrownTypePassesAndTheStateStaysUsable) {
-    EXPECT_THROW(Run("SLB.test.throw('int')"), int);
-    // The standing print is back: no stream is left behind in it.
+TEST_F(NativeException, UncaughtItFailsTheChunkWithItsTextAndPosition) {
+    EXPECT_EQ(Run("local x = 1\nSLB.test.throw('deep')\nreached = true"), LUA_ERRRUN);
+    EXPECT_EQ(Global("reached"), "nil");
+    EXPECT_NE(lua.GetErrorInfo().Find(wxS("test\"]:2: deep")), wxNOT_FOUND) << lua.GetErrorInfo();
+    EXPECT_TRUE(log.Contains("stack traceback:"));
+    // Nothing is left to end the next chunk.
     EXPECT_EQ(Run("print('after')"), 0);
     EXPECT_TRUE(log.Contains(" after"));
 }

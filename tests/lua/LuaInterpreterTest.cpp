@@ -179,6 +179,47 @@ TEST_F(Interpreter, OsExitEndsTheChunkNotTheProcess) {
     }
 }
 
+TEST_F(Interpreter, OsExitKeepsItsStatusAsTheStandaloneLuaReadsIt) {
+    const std::pair<const char*, int> cases[] = {
+        {"os.exit()", 0},
+        {"os.exit(true)", 0},
+        {"os.exit(false)", 1},
+        {"os.exit(3)", 3},
+        {"pcall(os.exit, 9)", 9},
+        {"os.exit(2.7)", 2},
+        {"os.exit(0) os.exit(4)", 0},
+    };
+    for (const auto& [source, status] : cases) {
+        EXPECT_EQ(Run(source), -1) << source;
+        EXPECT_EQ(lua.GetExitStatus(), status) << source;
+    }
+    // A status that is no number is a plain error of the call, as in `lua`.
+    EXPECT_EQ(Run("os.exit('x')"), LUA_ERRRUN);
+    EXPECT_NE(lua.GetErrorInfo().Find(wxS("number expected")), wxNOT_FOUND);
+    EXPECT_EQ(Run("print(1)"), 0);
+    EXPECT_EQ(lua.GetExitStatus(), 0);
+}
+
+TEST_F(Interpreter, AnErrorValueThatIsNoTextIsDescribedAsTheStandaloneLuaDoes) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"error({})", "(no error message)"},
+        {"error()", "(no error message)"},
+        {"error(true)", "(no error message)"},
+        {"error(setmetatable({}, {__tostring = function() return 'custom' end}))", "custom"},
+        {"error(setmetatable({}, {__tostring = function() error('boom', 0) end}))", "boom"},
+        {"error(setmetatable({}, {__tostring = function() return {} end}))",
+         "(error object is not a string)"},
+    };
+    for (const auto& [source, text] : cases) {
+        EXPECT_EQ(Run(source), LUA_ERRRUN) << source;
+        EXPECT_TRUE(lua.GetErrorInfo().empty()) << source;
+        EXPECT_EQ(lua.GetErrorValueText().utf8_string(), text) << source;
+    }
+    EXPECT_EQ(Run("error('text')"), LUA_ERRRUN);
+    EXPECT_TRUE(lua.GetErrorValueText().empty());
+    EXPECT_TRUE(log.Lines().empty());  // a stream was given: the caller reports
+}
+
 TEST_F(Interpreter, FinalizersAndStrayExitsEndNeitherTheProcessNorTheNextChunk) {
     // Collections run between and after chunks, outside the chunk's pcall.
     ASSERT_EQ(Run("setmetatable({}, {__gc = function() error('gc failed') end})"), 0);

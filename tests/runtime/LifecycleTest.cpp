@@ -6,6 +6,7 @@
 
 #include "core/api/VeskLua.h"
 #include "core/host/PlatformString.h"
+#include "core/runtime/Version.h"
 #include "core/runtime/vesk_core.h"
 #include "slb/CopyValue.h"
 #include "slb/Manager.h"
@@ -42,10 +43,10 @@ class ModuleTable : public ::testing::Test {
 };
 
 TEST_F(ModuleTable, CarriesVersionPlatformWidthsAndTheEightLogFunctions) {
-    EXPECT_EQ(Eval("vesk.version"), "9.0.0.5505");
+    EXPECT_EQ(Eval("vesk.version"), VESK_VERSION_STRING);
     EXPECT_EQ(Eval("vesk.versionMajor .. '.' .. vesk.versionMinor .. '.' .. vesk.versionSP .. "
                    "'.' .. vesk.versionBuild"),
-              "9.0.0.5505");
+              VESK_VERSION_STRING);
     EXPECT_EQ(Eval("vesk.linux == true and vesk.solaris == nil"), "true");
     EXPECT_EQ(Eval("vesk.int_bits .. ' ' .. vesk.long_bits .. ' ' .. vesk.ptr_bits"), "32 64 64");
     EXPECT_EQ(Eval("vesk.platform"), VeskCore::GetPlatformString().utf8_string());

@@ -1,5 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <set>
+#include <thread>
+
 #include "core/runtime/App.h"
 #include "core/runtime/LuaThread.h"
 #include "core/runtime/vesk_core.h"
@@ -125,6 +131,31 @@ TEST_F(Services, RegistryMapsHandlesBackToThreads) {
     EXPECT_EQ(all.size(), 2u);
     EXPECT_EQ(app.ThreadUnRegister(b), &second);
     EXPECT_TRUE(app.ThreadGet(b) == nullptr && app.ThreadUnRegister(b) == nullptr);
+}
+
+// Handles start from the tick count, so registrations within one tick
+// collide and step away from each other; a step of 0 once meant a collision
+// that never ended. Many registrations make every step value likely.
+TEST_F(Services, RegistrationsInOneTickGetDistinctHandlesAndEnd) {
+    constexpr int kThreads = 200000;
+    static char slots[kThreads];  // the registry keeps pointers and never follows them
+    std::promise<std::set<wxUint32>> handles;
+    std::future<std::set<wxUint32>> result = handles.get_future();
+    std::thread([this, &handles] {
+        std::set<wxUint32> seen;
+        for (char& slot : slots)
+            seen.insert(app.ThreadRegister(reinterpret_cast<CRunnable*>(&slot)));
+        handles.set_value(std::move(seen));
+    }).detach();
+    if (result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+        ADD_FAILURE() << "ThreadRegister did not end";
+        std::quick_exit(1);  // the spinning thread can't be stopped
+    }
+    const std::set<wxUint32> seen = result.get();
+    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads));
+    EXPECT_EQ(seen.count(0), 0u);  // 0 is no handle
+    for (const wxUint32 handle : seen)
+        ASSERT_NE(app.ThreadUnRegister(handle), nullptr);
 }
 
 }  // namespace

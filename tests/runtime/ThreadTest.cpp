@@ -89,10 +89,11 @@ TEST_F(Threads, WorkerRunsOneChunkAtATimeAwakensEachRequesterOnceAndEndsOnReques
 }
 
 TEST_F(Threads, EscapingExceptionsEndTheThreadWithTheirNumberedMessage) {
+    // A native failure inside a script's call is the chunk's error, not the thread's.
     CLuaThread lua(wxS("SLB.threadtest.hold('trouble')"), std::string(100, 'l'), nullptr);
     lua.startWithDefaults();
     EXPECT_FALSE(lua.RunScript(wxS("x = 1"), nullptr));  // a one-shot is never idle
-    EXPECT_EQ(lua.join(), -1);
+    EXPECT_EQ(lua.join(), 0);
     const std::function<void(Probe&)> bodies[] = {
         [](Probe&) {}, [](Probe&) { throw std::runtime_error(std::string(3000, 'w')); },
         [](Probe&) { throw "c text"; }, [](Probe&) { throw 0xbeefu; }, [](Probe&) { throw 2.5; }};
@@ -103,7 +104,8 @@ TEST_F(Threads, EscapingExceptionsEndTheThreadWithTheirNumberedMessage) {
     }
     const std::string thread = "Thread '" + Probe::kName.substr(0, 128) + "': ";
     EXPECT_EQ(log.Texts(wxLOG_Error),
-              (std::vector<std::string>{"!5001!5001|Thread '" + std::string(63, 'l') + "': trouble",
+              (std::vector<std::string>{"[string \"vesk\"]:1: trouble\nstack traceback:\n\t"
+                                        "[string \"vesk\"]:1: in main chunk",
                                         "!5001!5001|" + thread + std::string(2048, 'w'),
                                         "5001|" + thread + "c text", "5001|" + thread + "0xbeef",
                                         "5001|" + thread + "unknown exception"}));

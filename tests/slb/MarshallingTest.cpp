@@ -15,6 +15,11 @@ TEST_F(MarshallingTest, NumbersBooleansAndConstants) {
                   "assert(e.long(-2^40) == -2^40 and e.long(true) == 0)\n"
                   "assert(e.big() == 2^40)\n"
                   "assert(e.ulong(2^53) == 2^53 and e.ulong(3.9) == 3 and e.ulong('x') == 0)\n"
+                  // Out of range saturates, never wraps: -1 must not become a huge count.
+                  "assert(e.uint(-1) == 0 and e.uint(2^32) == 2^32 - 1 and e.uint(0/0) == 0)\n"
+                  "assert(e.ulong(-1) == 0 and e.ulong(math.huge) == 2^64)\n"
+                  "assert(e.int(2^31) == 2^31 - 1 and e.int(-math.huge) == -2^31)\n"
+                  "assert(e.char(300) == 127 and e.long(1e300) == 2^63)\n"
                   "assert(e.bool(nil) == false and e.bool(false) == false)\n"
                   "assert(e.bool(0) == true and e.bool('') == true)\n"
                   "assert(SLB.answer == 42 and SLB.greeting == 'h\\195\\169')"),  // constants

@@ -8,6 +8,7 @@
 #include "core/xml/SqlConnection.h"
 #include "core/xml/SqlHashAggregate.h"
 #include "tests/support/CapturingLog.h"
+#include "tests/support/Tools.h"
 #include "tests/xml/XMLTestSupport.h"
 
 using namespace VeskCore;
@@ -43,6 +44,7 @@ CIP* Ip(XMLObject* child) {
 class SqlMappingTest : public testing::Test {
   protected:
     void SetUp() override {
+        VESK_SKIP_WITHOUT_TOOLS("sqlite3", "sha1sum", "sha256sum", "sha512sum");
         const std::string addresses = " (id INTEGER PRIMARY KEY, ipAddress, notAvailable);";
         Tool(
             "create table Samples (big INTEGER PRIMARY KEY, blob, flag, plainFlag, count,"

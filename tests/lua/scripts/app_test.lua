@@ -35,6 +35,20 @@ fails("number expected", SLB.ShouldExit, "x")
 assert(app:ShouldExit("x") == false)
 fails("Error number of arguments %(given 0 %-> expected 1%)", app.ShouldExit, app)
 assert(SLB.SystemTickDiff(5, 4294967295) == 6)
+-- Waits that can't be met are not taken as huge unsigned counts: a negative
+-- count or NaN waits not at all (this test would hang otherwise).
+for _, wait in ipairs({ -1, -2^40, 0 / 0, -math.huge }) do
+  SLB.Sleep(wait)
+  SLB.wxThread.Sleep(wait)
+  assert(app:ShouldExit(wait) == false and SLB.ShouldExit(wait) == false)
+end
+
+-- A native failure in a bound call is a Lua error the script can catch.
+local names = { n = 4, "", nil, {}, true }  -- each arrives as ""
+for i = 1, names.n do
+  local ok, err = pcall(app.ServiceStart, app, names[i])
+  assert(not ok and err:find("a thread needs a name"), tostring(err))
+end
 assert(SLB.Runnable.This() == nil and SLB.LuaThread.This() == nil)
 
 -- A service sees itself as a Runnable and a LuaThread, and is found by handle.
@@ -63,6 +77,24 @@ assert(app:Get("once") == "once" and not once:RunScript("x = 1", nil) and not on
 worker:requestExit()
 worker:join()
 assert(not worker:isRunning())
+
+-- A thread keeps its application: the script's App object may go first.
+local orphan = SLB.LuaThread("", "orphan", SLB.App())
+collectgarbage()
+collectgarbage()
+orphan:startWithDefaults()
+eventually(function() return orphan:isIdle() end, "the orphan to idle")
+assert(orphan:RunScript("app:Set('kept', true)", nil))
+eventually(function() return orphan:isIdle() end, "the orphan's chunk")
+orphan:requestExit()
+orphan:join()
+-- start runs a thread once, also when it was not asked to create it first.
+local late = SLB.LuaThread("", "late", nil)
+late:start(50, false, 0)
+eventually(function() return late:isIdle() end, "a thread started without create")
+late:start(50, true, 0)
+late:requestExit()
+assert(late:join() == 0 and not late:isRunning())
 fails("Error number of arguments %(given 2 %-> expected 3%)", SLB.LuaThread, "", "w")
 
 -- The bundled configuration module keeps its file private whatever the
@@ -80,5 +112,32 @@ assert(config:ConfigGet("k") == "v & w" and config:ConfigGetXml("k") == '<Item n
 assert(io.popen("stat -c %a " .. state .. "/config.xml"):read("*l") == "600")
 assert(not config:ConfigSet("<Other/>") and config:ConfigSet(""))
 assert(config:ConfigGet("k") == "")
+
+-- Two writers on one state directory (two applications of one process here)
+-- never see or leave a broken file: each writes a temporary file of its own.
+local writers = {}
+for w = 1, 2 do
+  writers[w] = SLB.LuaThread(([[
+    local own = SLB.App()
+    own:Set("app.path.bin", %q)
+    own:Set("agent.state.dir", %q)
+    local failed = 0
+    for i = 1, 300 do
+      if not own:ConfigSet('<Config><Item name="w%d">' .. i .. '</Item></Config>') then
+        failed = failed + 1
+      end
+    end
+    app:Set("writer%d.failed", failed)
+  ]]):format(bin, state, w, w), "writer" .. w, app)
+end
+for _, writer in ipairs(writers) do writer:startWithDefaults() end
+for _, writer in ipairs(writers) do writer:join() end
+assert(app:Get("writer1.failed") == 0 and app:Get("writer2.failed") == 0,
+  ("failed stores: %s, %s"):format(app:Get("writer1.failed"), app:Get("writer2.failed")))
+local reader = SLB.App()
+reader:Set("app.path.bin", bin)
+reader:Set("agent.state.dir", state)
+assert(reader:ConfigSet("<Config/>") and reader:ConfigGet("w1") ~= "" and reader:ConfigGet("w2") ~= "")
+assert(io.popen("ls " .. state):read("*a") == "config.xml\n")  -- no temporary file left
 os.execute("rm -rf " .. state)
 print("app_test passed")

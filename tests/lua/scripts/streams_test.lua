@@ -51,6 +51,10 @@ collectgarbage()
 chained:PutC(100)
 chained:Sync()
 assert(chained:TellO() == 4 and chained:LastWrite() == 1 and contents(chained) == "abcd")
+-- An empty memory stream reads back as an empty one (no wx assertion: ctest
+-- fails this script on any assertion text).
+local empty = wx.MemoryInputStream(wx.MemoryOutputStream())
+assert(empty:IsOk() and empty:GetLength() == 0 and empty:Read(1) == nil and empty:Eof())
 
 -- Files and system errors.
 assert(wx.RenameFile(dir .. "/copy", dir .. "/moved", true) and wx.RemoveFile(dir .. "/moved"))
@@ -102,7 +106,14 @@ fails("Unknown class", worker.Pause, worker)
 assert(worker:IsPaused() == true)
 fails("Unknown class", worker.Resume, worker)
 assert(worker:IsPaused() == false)
+-- Kill would cancel the thread under its Lua state: a running thread is
+-- refused, and stays usable; one that has ended is not running to kill.
+fails("a running thread can't be killed", worker.Kill, worker)
+assert(worker:isRunning() and worker:RunScript("killed = false", nil))
 worker:requestExit()
 worker:join()
+fails("Unknown class", worker.Kill, worker)
+local never = SLB.LuaThread("", "never started", nil)
+fails("Unknown class", never.Kill, never)
 os.execute("rm -rf " .. dir)
 print("streams_test passed")
