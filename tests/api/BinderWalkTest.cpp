@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 // A count no memory can hold (stream:Read(2^63)) is refused by malloc, which
 // Lua turns into its memory error; AddressSanitizer would end the process
 // first. Read only by sanitized builds.
-extern "C" const char* __asan_default_options() {
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
     return "allocator_may_return_null=1";
 }
 
