@@ -2,7 +2,9 @@
 # Builds the libFuzzer targets with clang (ASan+UBSan) into build-fuzz/ and
 # runs one for a fixed time, starting from its seed corpus in fuzz/corpus/.
 #   bash scripts/fuzz.sh [TARGET] [SECONDS]      (default: pkcs7_unwrap 60)
-# Targets: pkcs7_unwrap (configuration packages), xml_record (XML records).
+# Targets: pkcs7_unwrap (configuration packages), xml_record (XML records),
+# hostseal_decrypt (blobs sealed by libhostseal), credentials (credentials files
+# and their sealed passwords).
 # New inputs the fuzzer finds stay in build-fuzz/corpus/TARGET; a crash is
 # written to the current directory as crash-*.
 set -euo pipefail
