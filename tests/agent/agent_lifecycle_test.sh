@@ -55,7 +55,10 @@ before=$(date +%s%N)
 kill -TERM "$pid"; finish "$pid" 10
 elapsed=$((($(date +%s%N) - before) / 1000000))
 [ "$status" -eq 1 ] || fail deadline "status $status, wanted 1"
-[ "$elapsed" -ge 2000 ] && [ "$elapsed" -le 3000 ] || fail deadline "ended after $elapsed ms"
+# It waits the whole time-out, and then no longer than it takes to exit (a
+# second here, more under a sanitizer): never for the service.
+echo "stop with a spinning service ended after $elapsed ms (time-out 2 s)"
+[ "$elapsed" -ge 2000 ] && [ "$elapsed" -le 8000 ] || fail deadline "ended after $elapsed ms"
 contains deadline "$tmp/spin" "services still running 2 s after the stop: spins; exiting"
 
 # SIGHUP stops the services as SIGTERM does.
