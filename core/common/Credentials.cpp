@@ -262,8 +262,12 @@ EVP_PKEY* GetPrivateKey(const std::string& pem, bool* encrypted, bool* decryptFl
 void QX_Fingerprint_Debug(const char* format, ...) {
     if (!VeskCore::LogTraceIsEnabled("FPrint"))
         return;
+    if (format == nullptr) {
+        VeskCore::LogTrace("FPrint", "%s", "");  // an empty line, as for ""
+        return;
+    }
     va_list args;
     va_start(args, format);
-    VeskCore::LogTraceV("FPrint", format != nullptr ? format : "", args);
+    VeskCore::LogTraceV("FPrint", format, args);
     va_end(args);
 }
