@@ -77,6 +77,12 @@ class Class {
         registrar_.setConstructor(FuncCall::defaultClassConstructor<T, A...>());
         return *this;
     }
+    // A constructor that only the class's own factory can fulfil.
+    template <class... A>
+    Class& constructor(T* (*factory)(A...)) {
+        registrar_.setConstructor(FuncCall::factoryConstructor(factory));
+        return *this;
+    }
 
     // A method (const or not), a static function or a Lua C function.
     template <class F>

@@ -50,6 +50,10 @@ class SLB_EXPORT FuncCall : public Object {
     // Constructs a T from the arguments, in memory from SLB::Malloc.
     template <class T, class... A>
     static FuncCall* defaultClassConstructor();
+    // A constructor that calls `factory` and pushes what it returns as a
+    // pointer (nil for null), owned by no instance.
+    template <class T, class... A>
+    static FuncCall* factoryConstructor(T* (*factory)(A...));
 
     Kind getKind() const { return kind_; }
     std::size_t getNumArguments() const { return arguments_.size(); }

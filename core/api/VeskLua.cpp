@@ -3,8 +3,10 @@
 #include <wx/thread.h>
 
 #include "core/api/AppLua.h"
+#include "core/api/CredLua.h"
 #include "core/api/FileLua.h"
 #include "core/api/LuaStreamLua.h"
+#include "core/api/OpenSslLua.h"
 #include "core/api/WxLua.h"
 #include "slb/Manager.h"
 
@@ -17,12 +19,13 @@ bool VeskLua_Init() {
     // Set first: a registration that fails half-way is never repeated.
     b_InitDone = true;
     SLB::Manager* const manager = SLB::Manager::defaultManager();
-    // Own names first (the credentials join them, before the files, as they
-    // are built), then the modules in this order; HmdLua_Init, HttpLua_Init, NetLua_Init and
-    // OpenSslLua_Init take their places as they are built.
+    // Own names first, then the modules in this order; HmdLua_Init,
+    // HttpLua_Init and NetLua_Init take their places as they are built.
     VeskCore::AppLua_Init(manager);
+    VeskCore::CredLua_Init(manager);
     VeskCore::FileLua_Init(manager);
     VeskCore::LuaStream_Init(manager);
+    VeskCore::OpenSslLua_Init(manager);
     VeskCore::WxLua_Init(manager);
     return true;
 }

@@ -135,6 +135,33 @@ class FC_DefaultClassConstructor final : public FuncCall {
     }
 };
 
+// A constructor that asks a factory for the object: for a class whose objects
+// only its library can make (a name for an opaque C structure). The object is
+// pushed as a pointer, not owned: what the class's kind does with objects
+// that scripts construct does not apply to what the factory made.
+template <class T, class... A>
+class FC_FactoryConstructor final : public FuncCall {
+  public:
+    using Factory = T* (*)(A...);
+    explicit FC_FactoryConstructor(Factory factory)
+        : FuncCall(Kind::Constructor, &TypeID<T>::get(), &TypeID<T>::get(), {&TypeID<A>::get()...}),
+          factory_(factory) {}
+
+    int call(lua_State* L, const ClassInfo* owner) const override {
+        const ClassInfo* cls = owner ? owner : findClass(L, TypeID<T>::get());
+        if (!cls)
+            raiseError("Class %s is not avaliable! ", TypeID<T>::get().name());
+        checkArgumentCount(lua_gettop(L), sizeof...(A));
+        const auto make = [this](auto&&... args) {
+            return factory_(std::forward<decltype(args)>(args)...);
+        };
+        return invokeWith<T*, A...>(L, 1, make, std::index_sequence_for<A...>());
+    }
+
+  private:
+    Factory factory_;
+};
+
 }  // namespace SLB::Private
 
 #ifdef SLB_RESTORE_DIAGNOSTICS
@@ -167,6 +194,11 @@ FuncCall* FuncCall::createMethod(R (*function)(C*, A...)) {
 template <class T, class... A>
 FuncCall* FuncCall::defaultClassConstructor() {
     return new Private::FC_DefaultClassConstructor<T, A...>();
+}
+
+template <class T, class... A>
+FuncCall* FuncCall::factoryConstructor(T* (*factory)(A...)) {
+    return new Private::FC_FactoryConstructor<T, A...>(factory);
 }
 
 }  // namespace SLB

@@ -25,7 +25,14 @@ local function fileIn()
   file:close()
   return SLB.wx.FileInputStream("walk-input")
 end
+local function context() return SLB.ssl.Context.New(SLB.ssl.TLSv1_client_method()) end
+local function certificate() return SLB.ssl.Cert.DecodeString(SLB.cred.GetBootstrapCredentials()) end
 local factories = {
+  ["ssl.EvpCipherCtx"] = function() return SLB.ssl.EvpCipherCtx() end,
+  ["ssl.EvpMdCtx"] = function() return SLB.ssl.EvpMdCtx() end,
+  ["ssl.EvpPkey"] = function() return SLB.ssl.EvpPkey() end,
+  ["ssl.RsaKey"] = function() return SLB.ssl.RsaKey() end,
+  ["ssl.Cert"] = certificate, ["ssl.Context"] = context,
   App = function() return SLB.App() end,
   LuaThread = thread, Runnable = thread, wxThread = thread,
   CLuaStreamBase = function() return SLB.LuaStringInputStream("walk") end,
@@ -38,13 +45,17 @@ local factories = {
   ["wx.FileOutputStream"] = function() return SLB.wx.FileOutputStream("walk-output") end,
 }
 
+-- What the collector never frees goes back by Delete after each call.
+local deleted = { ["ssl.EvpPkey"] = true, ["ssl.Cert"] = true, ["ssl.Context"] = true }
+
 -- File operations get paths inside the scratch folder only: a value that
 -- would arrive as "" (nil, a table, a NUL-led string...) once meant "/".
 local pathArguments = {
   ReplaceFile = { 1, 2 }, ["wx.RemoveFile"] = { 1 }, ["wx.RenameFile"] = { 1, 2 },
   ["file.CopyDirectory"] = { 1, 2 }, ["file.RemoveDirectory"] = { 1 },
   ["file.SecureFileOrDirectory"] = { 1 }, ["wx.FileInputStream"] = { 1 },
-  ["wx.FileOutputStream"] = { 1 },
+  ["wx.FileOutputStream"] = { 1 }, ["cred.EncryptPrivateKey"] = { 1 },
+  ["cred.WriteBootstrapCredentials"] = { 1 },
 }
 -- Waits take huge counts as "until awakened" or as a day's sleep, by
 -- design: the walk waits a millisecond instead.
@@ -113,7 +124,9 @@ local function walk(entry, f)
       -- A call with no argument at all is no wrong call: it would run the
       -- operation itself (Term, Shutdown, join...).
       if n > 0 or (n == 0 and entry.arity ~= 0) then
-        call(label, f, arguments(entry.path, method and make() or nil, kind[2], n))
+        local self = method and make() or nil
+        call(label, f, arguments(entry.path, self, kind[2], n))
+        if self ~= nil and deleted[entry.owner] then self:Delete() end
       end
     end
     if method then  -- the wrong object in the place of self

@@ -44,6 +44,31 @@ TEST_F(InstanceTest, WrapperPassesWhereItsOpaqueHandleIsAsked) {
               "");
 }
 
+// A name for a C structure that only its library allocates: the constructor
+// asks the factory, and the object is the script's to give back.
+opaque_st* makeOpaque(int state) {
+    return state < 0 ? nullptr : reinterpret_cast<opaque_st*>(new int(state));
+}
+int freeOpaque(opaque_st* handle) {
+    const int state = handleState(handle);
+    delete reinterpret_cast<int*>(handle);
+    return state;
+}
+
+TEST_F(InstanceTest, FactoryConstructorMakesWhatOnlyTheLibraryCanMake) {
+    SLB::Class<opaque_st, SLB::Instance::NoCopyNoDestroy>("Opaque", &manager)
+        .constructor(&makeOpaque)
+        .set("Free",
+             SLB::FuncCall::createMethod(+[](opaque_st* self) { return freeOpaque(self); }));
+    EXPECT_EQ(run("local o = SLB.Opaque(9)\n"
+                  "collectgarbage() collectgarbage()\n"  // not the collector's to free
+                  "assert(o:Free() == 9)\n"
+                  "assert(SLB.Opaque(-1) == nil)\n"
+                  "local ok, e = pcall(SLB.Opaque)\n"
+                  "assert(not ok and e:find('given 0 %-> expected 1'), e)"),
+              "");
+}
+
 TEST_F(InstanceTest, ScriptsCannotMisuseTheCollectorOfNativeObjects) {
     EXPECT_EQ(run("local s = SLB.geo.Shape(1)\n"
                   "assert(getmetatable(s) == false)\n"
