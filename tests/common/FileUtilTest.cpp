@@ -28,6 +28,7 @@
 #include "tests/support/CapturingLog.h"
 
 using namespace VeskCore;
+using VeskTest::CapturingLog;
 using VeskTest::ReadFile;
 using VeskTest::WriteFile;
 
@@ -37,15 +38,9 @@ wxString Wx(const std::string& path) {
     return wxString::FromUTF8(path);
 }
 
-bool Exists(const std::string& path) {
+mode_t ModeOf(const std::string& path) {  // type bits included, 0 for nothing; never follows
     struct stat info {};
-    return lstat(path.c_str(), &info) == 0;
-}
-
-mode_t ModeOf(const std::string& path) {  // type bits included; never follows a link
-    struct stat info {};
-    EXPECT_EQ(lstat(path.c_str(), &info), 0) << path;
-    return info.st_mode;
+    return lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
 }
 
 std::string LinkTarget(const std::string& path) {
@@ -72,27 +67,7 @@ Snapshot Take(const std::string& root) {
     return out;
 }
 
-// A fresh directory under testing::TempDir(), removed with everything in it;
-// links in it are removed, never followed.
-class Scratch {
-  public:
-    Scratch() {
-        std::string pattern = testing::TempDir();
-        if (pattern.empty() || pattern.back() != '/')
-            pattern += '/';
-        pattern += "vesk-file-XXXXXX";
-        if (mkdtemp(&pattern[0]) != nullptr)
-            path_ = pattern;
-        EXPECT_FALSE(path_.empty()) << pattern;
-    }
-    ~Scratch() {
-        std::error_code ignored;
-        if (!path_.empty())
-            std::filesystem::remove_all(path_, ignored);  // removes links, never follows them
-    }
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
+struct Scratch : VeskTest::ScratchDir {
     void Dirs(std::initializer_list<const char*> names) const {
         for (const char* name : names)
             ASSERT_EQ(mkdir((*this / name).c_str(), 0755), 0) << name;
@@ -107,9 +82,8 @@ class Scratch {
     void Socket(const std::string& name) const {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        const std::string path = *this / name;
-        ASSERT_LT(path.size(), sizeof address.sun_path);
-        std::strcpy(address.sun_path, path.c_str());
+        ASSERT_LT((*this / name).size(), sizeof address.sun_path);
+        std::strcpy(address.sun_path, (*this / name).c_str());
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
         ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(fd);
@@ -118,9 +92,6 @@ class Scratch {
     bool Device(const std::string& name) const {
         return mknod((*this / name).c_str(), S_IFCHR | 0644, makedev(1, 3)) == 0;
     }
-
-  private:
-    std::string path_;
 };
 
 // Runs `call` on a thread of its own. A call still blocked after 10 s is
@@ -150,163 +121,94 @@ void MakeTree(const Scratch& dir) {
     ASSERT_EQ(chmod((dir / "source/sub/private").c_str(), 0640), 0);
 }
 
-TEST(CopyDirectoryTest, CopiesTheTreeMakesDirectories0700AndMergesOnRequest) {
+TEST(CopyDirectoryTest, CopiesTheTreeLinksAsLinksSkipsAFifoAndMergesWithoutFollowingLinks) {
     Scratch dir;
     MakeTree(dir);
     WriteFile(dir / "source/tool", "#!/bin/sh\n");
     ASSERT_EQ(chmod((dir / "source/tool").c_str(), 04755), 0);
-    VeskTest::CapturingLog log;
-    ASSERT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
+    dir.Link(dir / "outside/o", "source/secret");  // followed: a file from outside
+    dir.Link("..", "source/sub/up");               // followed: the tree again
+    dir.Fifo("source/sub/fifo");                   // opened: a wait for a writer
+    CapturingLog log;
+    const std::optional<bool> copied =
+        WithinTenSeconds([&] { return CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false); },
+                         dir / "source/sub/fifo");
+    ASSERT_TRUE(copied.has_value()) << "the copy waited on the FIFO";
+    EXPECT_TRUE(*copied);
     EXPECT_EQ(ReadFile(dir / "copy/.hidden") + ReadFile(dir / "copy/sub/deeper/f"),
               "hidden\ndeep\n");
     EXPECT_EQ(ModeOf(dir / "copy"), S_IFDIR | 0700u);
     EXPECT_EQ(ModeOf(dir / "copy/sub"), S_IFDIR | 0700u);
     EXPECT_EQ(ModeOf(dir / "copy/sub/private"), S_IFREG | 0640u);
     EXPECT_EQ(ModeOf(dir / "copy/tool"), S_IFREG | 0755u);  // no set-user-ID on the copy
-    EXPECT_TRUE(log.Texts(wxLOG_Error).empty());
+    EXPECT_EQ(LinkTarget(dir / "copy/secret") + " " + LinkTarget(dir / "copy/sub/up"),
+              dir / "outside/o ..");
+    EXPECT_EQ(ModeOf(dir / "copy/sub/fifo"), 0u);
+    EXPECT_EQ(log.Texts(wxLOG_Error),
+              std::vector<std::string>{"CopyDirectory: " + (dir / "source/sub/fifo") +
+                                       ": not a regular file, directory or link; skipped"});
 
-    const size_t before = log.Lines().size();
+    log.Clear();
     EXPECT_FALSE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
-    ASSERT_EQ(log.Lines().size(), before + 1);  // one line, carrying mkdir's own error
+    ASSERT_EQ(log.Lines().size(), 1u);  // one line, carrying mkdir's own error
     EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "copy/") + ":  (error 17: File exists)"));
-    WriteFile(dir / "copy/.hidden", "changed");
+    // A merge replaces what stands where a file goes and never writes through
+    // it; a link where a directory goes is left alone.
+    std::filesystem::remove_all(dir / "copy/sub");
+    std::filesystem::remove(dir / "copy/.hidden");
+    dir.Link(dir / "outside", "copy/sub");
+    dir.Link(dir / "outside/created", "copy/.hidden");
     WriteFile(dir / "copy/extra", "kept");
-    EXPECT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), true));  // merges
+    const Snapshot outside = Take(dir / "outside");
+    EXPECT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), true));
+    EXPECT_EQ(Take(dir / "outside"), outside);
+    EXPECT_TRUE(S_ISREG(ModeOf(dir / "copy/.hidden")));
     EXPECT_EQ(ReadFile(dir / "copy/.hidden") + ReadFile(dir / "copy/extra"), "hidden\nkept");
+    EXPECT_TRUE(S_ISLNK(ModeOf(dir / "copy/sub")));
+    EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "copy/sub/") + ":  (error 17: "));
 
     EXPECT_FALSE(CopyDirectory(Wx(dir / "x"), Wx(dir / "missing"), false));
     EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "missing/") + ": "));
-    EXPECT_FALSE(Exists(dir / "x"));
-}
-
-TEST(CopyDirectoryTest, RecreatesLinksAsLinksAndNeverFollowsThem) {
-    Scratch dir;
-    MakeTree(dir);
-    const struct {
-        const char* name;
-        std::string target;
-    } links[] = {
-        {"source/sub/link", "../.hidden"},     // a file inside the tree
-        {"source/secret", dir / "outside/o"},  // a file outside it
-        {"source/dirlink", "../outside"},      // a directory outside it
-        {"source/absolute", dir / "outside"},  // the same, absolute
-        {"source/sub/up", ".."},               // back up the tree
-        {"source/dangling", "nowhere"},        // nothing at all
-    };
-    for (const auto& link : links)
-        dir.Link(link.target, link.name);
-    const Snapshot outside = Take(dir / "outside");
-
-    ASSERT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false));
-    for (const auto& link : links) {
-        const std::string copy = dir / ("copy" + std::string(link.name).substr(6));
-        EXPECT_TRUE(S_ISLNK(ModeOf(copy))) << copy;
-        EXPECT_EQ(LinkTarget(copy), link.target) << copy;
-    }
-    EXPECT_EQ(Take(dir / "outside"), outside);
-}
-
-TEST(CopyDirectoryTest, SkipsFifosSocketsAndDevicesWithoutOpeningThem) {
-    Scratch dir;
-    MakeTree(dir);
-    dir.Fifo("source/sub/fifo");
-    dir.Socket("source/socket");
-    std::vector<std::string> special = {"sub/fifo", "socket"};
-    if (dir.Device("source/null"))  // as root only
-        special.push_back("null");
-
-    VeskTest::CapturingLog log;
-    const std::optional<bool> copied =
-        WithinTenSeconds([&] { return CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), false); },
-                         dir / "source/sub/fifo");
-    ASSERT_TRUE(copied.has_value()) << "the copy waited on the FIFO";
-    EXPECT_TRUE(*copied);
-    EXPECT_EQ(ReadFile(dir / "copy/sub/deeper/f"), "deep\n");
-    for (const std::string& name : special) {
-        EXPECT_FALSE(Exists(dir / ("copy/" + name))) << name;
-        EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / ("source/" + name)) +
-                                 ": not a regular file, directory or link; skipped"))
-            << name;
-    }
+    EXPECT_EQ(ModeOf(dir / "x"), 0u);
 }
 
 TEST(CopyDirectoryTest, RefusesADestinationThatIsTheSourceOrInsideIt) {
     Scratch dir;
     MakeTree(dir);
     dir.Link("source", "alias");
-    dir.Link("..", "source/sub/up");
-    const struct {
-        const char* destination;
-        bool mayExist;
-        bool refused;
-    } cases[] = {
-        {"source", true, true},
-        {"source/", true, true},
-        {"alias", true, true},
-        {"source/inner", false, true},
-        {"source/sub/deeper/inner", false, true},
-        {"alias/inner", false, true},
-        {"source/sub/../inner", false, true},
-        {"source/sub/up/inner", false, true},
-        {"source/sub", true, true},
-        {"source2", false, false},  // a name that merely starts like the source
-        {"outside/copy", false, false},
+    // "source2" merely starts like the source.
+    const std::pair<const char*, bool> cases[] = {
+        {"source", true},      {"alias", true},    {"source/inner", true},
+        {"alias/inner", true}, {"source2", false}, {"outside/copy", false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [destination, refused] : cases) {
         const Snapshot before = Take(dir / "source");
-        VeskTest::CapturingLog log;
-        EXPECT_EQ(CopyDirectory(Wx(dir / c.destination), Wx(dir / "source"), c.mayExist),
-                  !c.refused)
-            << c.destination;
+        CapturingLog log;
+        EXPECT_EQ(CopyDirectory(Wx(dir / destination), Wx(dir / "source"), true), !refused)
+            << destination;
         EXPECT_EQ(log.Contains("CopyDirectory: refusing to copy " + (dir / "source") +
-                               " into itself (" + (dir / c.destination) + ")"),
-                  c.refused)
-            << c.destination;
-        EXPECT_EQ(Take(dir / "source"), before) << c.destination;
+                               " into itself (" + (dir / destination) + ")"),
+                  refused)
+            << destination;
+        EXPECT_EQ(Take(dir / "source"), before) << destination;
     }
     EXPECT_EQ(ReadFile(dir / "source2/sub/deeper/f") + ReadFile(dir / "outside/copy/.hidden"),
               "deep\nhidden\n");
-}
-
-TEST(CopyDirectoryTest, MergingNeverWritesThroughALinkInTheDestination) {
-    Scratch dir;
-    MakeTree(dir);
-    WriteFile(dir / "source/file", "new");
-    WriteFile(dir / "source/other", "new");
-    WriteFile(dir / "outside/victim", "old");
-    dir.Dirs({"copy"});
-    dir.Link(dir / "outside", "copy/sub");           // where a directory goes
-    dir.Link(dir / "outside/created", "copy/file");  // dangling, where a file goes
-    dir.Link(dir / "outside/victim", "copy/other");  // to a file, where a file goes
-    const Snapshot outside = Take(dir / "outside");
-
-    VeskTest::CapturingLog log;
-    EXPECT_TRUE(CopyDirectory(Wx(dir / "copy"), Wx(dir / "source"), true));
-    EXPECT_EQ(Take(dir / "outside"), outside);
-    EXPECT_TRUE(S_ISREG(ModeOf(dir / "copy/file")));
-    EXPECT_EQ(ReadFile(dir / "copy/file") + ReadFile(dir / "copy/other"), "newnew");
-    EXPECT_TRUE(S_ISLNK(ModeOf(dir / "copy/sub")));
-    EXPECT_TRUE(log.Contains("CopyDirectory: " + (dir / "copy/sub/") + ":  (error 17: "));
 }
 
 TEST(RemoveDirectoryTest, RemovesTheTreeButNothingALinkPointsAt) {
     Scratch dir;
     MakeTree(dir);
     dir.Link("../outside", "source/sub/dirlink");
-    dir.Link(dir / "outside/o", "source/filelink");
     dir.Link(dir / "outside", "link");
     const Snapshot outside = Take(dir / "outside");
     EXPECT_TRUE(RemoveDirectory(Wx(dir / "source")));
-    EXPECT_FALSE(Exists(dir / "source"));
-    EXPECT_EQ(Take(dir / "outside"), outside);
+    EXPECT_EQ(ModeOf(dir / "source"), 0u);
 
-    for (const char* spelling : {"link", "link/", "link//"}) {
-        VeskTest::CapturingLog log;
-        EXPECT_FALSE(RemoveDirectory(Wx(dir / spelling))) << spelling;
-        EXPECT_TRUE(log.Contains("RemoveDirectory: " + (dir / "link") + " (error 20: "))
-            << spelling;
-        EXPECT_EQ(Take(dir / "outside"), outside) << spelling;
-    }
+    CapturingLog log;  // lstat of "link/" would look through the link
+    EXPECT_FALSE(RemoveDirectory(Wx(dir / "link//")));
+    EXPECT_TRUE(log.Contains("RemoveDirectory: " + (dir / "link") + " (error 20: "));
+    EXPECT_EQ(Take(dir / "outside"), outside);
 }
 
 TEST(ReplaceFileTest, ReadersSeeTheOldOrTheNewFileNeverAMix) {
@@ -329,7 +231,7 @@ TEST(ReplaceFileTest, ReadersSeeTheOldOrTheNewFileNeverAMix) {
     reader.join();
     EXPECT_EQ(torn, 0);
 
-    VeskTest::CapturingLog log;
+    CapturingLog log;
     EXPECT_FALSE(ReplaceFile(Wx(dir / "next"), Wx(dir / "target")));
     EXPECT_EQ(log.Texts(wxLOG_Error).at(0), "3006|rename|" + (dir / "next") + " -> " +
                                                 (dir / "target") +
@@ -340,11 +242,8 @@ TEST(SecureFileOrDirectoryTest, FollowsLinksLikeChmodButLeavesSpecialFilesAlone)
     Scratch dir;
     dir.Dirs({"d", "e"});
     WriteFile(dir / "f", "x");
-    WriteFile(dir / "g", "x");
-    dir.Link("g", "to-file");
     dir.Link("e", "to-dir");
     dir.Fifo("fifo");
-    dir.Link("fifo", "to-fifo");
     dir.Socket("socket");
     const bool device = dir.Device("null");
     const struct {
@@ -353,14 +252,9 @@ TEST(SecureFileOrDirectoryTest, FollowsLinksLikeChmodButLeavesSpecialFilesAlone)
         const char* changed;  // the entry whose mode is looked at
         mode_t mode;          // 0: refused, the mode stays as it was
     } cases[] = {
-        {"f", true, "f", S_IFREG | 0600},
-        {"d", false, "d", S_IFDIR | 0700},
-        {"d", true, "d", S_IFDIR | 0711},
-        {"to-file", false, "g", S_IFREG | 0600},
-        {"to-dir", true, "e", S_IFDIR | 0711},
-        {"fifo", false, "fifo", 0},
-        {"to-fifo", false, "fifo", 0},
-        {"socket", true, "socket", 0},
+        {"f", true, "f", S_IFREG | 0600}, {"d", false, "d", S_IFDIR | 0700},
+        {"d", true, "d", S_IFDIR | 0711}, {"to-dir", true, "e", S_IFDIR | 0711},
+        {"fifo", false, "fifo", 0},       {"socket", true, "socket", 0},
         {"null", false, "null", 0},
     };
     for (const auto& c : cases) {
@@ -369,13 +263,12 @@ TEST(SecureFileOrDirectoryTest, FollowsLinksLikeChmodButLeavesSpecialFilesAlone)
         ASSERT_EQ(chmod((dir / c.changed).c_str(), S_ISDIR(ModeOf(dir / c.changed)) ? 0777 : 0644),
                   0);
         const mode_t before = ModeOf(dir / c.changed);
-        const bool refused = c.mode == 0;
-        VeskTest::CapturingLog log;
+        CapturingLog log;
         SecureFileOrDirectory(Wx(dir / c.path), c.traversable);
-        EXPECT_EQ(ModeOf(dir / c.changed), refused ? before : c.mode) << c.path;
+        EXPECT_EQ(ModeOf(dir / c.changed), c.mode == 0 ? before : c.mode) << c.path;
         EXPECT_EQ(log.Contains("SecureFileOrDirectory: " + (dir / c.path) +
                                ": refusing a FIFO, socket or device"),
-                  refused)
+                  c.mode == 0)
             << c.path;
     }
 }
@@ -394,42 +287,34 @@ TEST(CheckedFileTest, RemoveAndRenameDoWhatWxDoesForOrdinaryFiles) {
     Scratch dir;
     WriteFile(dir / "a", "a");
     WriteFile(dir / "b", "b");
-    VeskTest::CapturingLog log;
+    CapturingLog log;
     EXPECT_FALSE(RenameFileChecked(Wx(dir / "a"), Wx(dir / "b"), false));
     EXPECT_EQ(ReadFile(dir / "a") + ReadFile(dir / "b"), "ab");
     EXPECT_TRUE(RenameFileChecked(Wx(dir / "a"), Wx(dir / "b"), true));
     EXPECT_EQ(ReadFile(dir / "b"), "a");
-    EXPECT_FALSE(Exists(dir / "a"));
+    EXPECT_EQ(ModeOf(dir / "a"), 0u);
     EXPECT_TRUE(RemoveFileChecked(Wx(dir / "b")));
-    EXPECT_FALSE(Exists(dir / "b"));
     EXPECT_FALSE(RemoveFileChecked(Wx(dir / "b")));
     EXPECT_TRUE(log.Contains("File '" + (dir / "b") + "' couldn't be removed"));
 }
 
-TEST(CheckedFileTest, RenameRefusesFifosSocketsAndDevicesAtEitherEnd) {
-    // Renaming onto "full" fails, so wx would fall back to copying: open the
-    // FIFO and wait.
+// Renaming onto "full" fails, so wx would fall back to copying: open the FIFO
+// and wait. A link counts as what it leads to.
+TEST(CheckedFileTest, RenameRefusesAFifoAtEitherEnd) {
     const struct {
-        const char* from;
-        const char* to;
-        const char* refused;
+        const char *from, *to, *refused;
     } cases[] = {
-        {"fifo", "moved", "fifo"},      {"fifo", "full", "fifo"},  {"to-fifo", "full", "to-fifo"},
-        {"socket", "moved", "socket"},  {"null", "moved", "null"}, {"file", "fifo", "fifo"},
-        {"file", "to-fifo", "to-fifo"},
-    };
+        {"fifo", "full", "fifo"}, {"to-fifo", "full", "to-fifo"}, {"file", "to-fifo", "to-fifo"}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.from + std::string(" -> ") + c.to);
         Scratch dir;
         dir.Dirs({"full"});
         WriteFile(dir / "full/x", "x");
         WriteFile(dir / "file", "f");
         dir.Fifo("fifo");
         dir.Link("fifo", "to-fifo");
-        dir.Socket("socket");
-        if (!dir.Device("null") && std::strcmp(c.from, "null") == 0)
-            continue;
         const Snapshot before = Take(dir.path());
-        VeskTest::CapturingLog log;
+        CapturingLog log;
         int error = 0;
         const std::optional<bool> renamed = WithinTenSeconds(
             [&] {
@@ -438,13 +323,12 @@ TEST(CheckedFileTest, RenameRefusesFifosSocketsAndDevicesAtEitherEnd) {
                 return result;
             },
             dir / "fifo");
-        ASSERT_TRUE(renamed.has_value()) << c.from << " -> " << c.to << " waited on the FIFO";
-        EXPECT_FALSE(*renamed) << c.from << " -> " << c.to;
-        EXPECT_EQ(error, EINVAL) << c.from << " -> " << c.to;
+        ASSERT_TRUE(renamed.has_value()) << "waited on the FIFO";
+        EXPECT_FALSE(*renamed);
+        EXPECT_EQ(error, EINVAL);
         EXPECT_TRUE(log.Contains("RenameFile: " + (dir / c.refused) +
-                                 ": refusing a FIFO, socket or device"))
-            << c.from << " -> " << c.to;
-        EXPECT_EQ(Take(dir.path()), before) << c.from << " -> " << c.to;
+                                 ": refusing a FIFO, socket or device"));
+        EXPECT_EQ(Take(dir.path()), before);
     }
 }
 
@@ -479,7 +363,7 @@ std::vector<std::string> RunJailed(const std::string& jail,
             _exit(77);
         std::string report;
         {
-            VeskTest::CapturingLog log;
+            CapturingLog log;
             for (const auto& call : calls) {
                 log.Clear();
                 errno = 0;
@@ -512,7 +396,8 @@ std::vector<std::string> RunJailed(const std::string& jail,
 }
 
 // Never run against code without these refusals: outside the jail, an
-// empty source once meant "/".
+// empty source once meant "/". An empty path also sets errno to ENOENT, for
+// scripts that ask wx for it next.
 TEST(EmptyPathAndRootTest, EveryDestructiveOperationRefusesThem) {
     Scratch dir;
     dir.Dirs({"jail", "jail/src", "jail/src/sub", "jail/dst"});
@@ -521,33 +406,28 @@ TEST(EmptyPathAndRootTest, EveryDestructiveOperationRefusesThem) {
     WriteFile(dir / "jail/src/sub/g", "g");
     const wxString none, src = Wx("/src"), file = Wx("/src/file");
     const std::string copyEmpty = "CopyDirectory: refusing an empty path;";
-    const std::string copyRoot = "CopyDirectory: refusing the root directory as destination;";
     const struct {
         std::function<bool()> call;
         std::string errors;
-        bool setsErrno;  // to ENOENT, for scripts that ask wx for it next
     } cases[] = {
-        {[&] { return CopyDirectory(none, src, true); }, copyEmpty, false},
-        {[&] { return CopyDirectory(Wx("/dst"), none, true); }, copyEmpty, false},
-        {[&] { return CopyDirectory(none, none, true); }, copyEmpty, false},
-        {[&] { return CopyDirectory(Wx("/"), src, true); }, copyRoot, false},
-        {[&] { return CopyDirectory(Wx("/src/.."), src, true); }, copyRoot, false},
+        {[&] { return CopyDirectory(none, src, true); }, copyEmpty},
+        {[&] { return CopyDirectory(Wx("/dst"), none, true); }, copyEmpty},
+        {[&] { return CopyDirectory(Wx("/src/.."), src, true); },
+         "CopyDirectory: refusing the root directory as destination;"},
         {[&] { return CopyDirectory(Wx("/dst/x"), Wx("/"), false); },
-         "CopyDirectory: refusing to copy / into itself (/dst/x);", false},
-        {[&] { return RemoveDirectory(none); }, "RemoveDirectory: refusing an empty path;", false},
-        {[&] { return RemoveDirectory(Wx("/")); },
-         "RemoveDirectory: refusing to remove the root directory (/);", false},
+         "CopyDirectory: refusing to copy / into itself (/dst/x);"},
+        {[&] { return RemoveDirectory(none); }, "RemoveDirectory: refusing an empty path;"},
         {[&] { return RemoveDirectory(Wx("/src/../")); },
-         "RemoveDirectory: refusing to remove the root directory (/src/../);", false},
-        {[&] { return ReplaceFile(none, file); }, "ReplaceFile: refusing an empty path;", false},
-        {[&] { return ReplaceFile(file, none); }, "ReplaceFile: refusing an empty path;", false},
+         "RemoveDirectory: refusing to remove the root directory (/src/../);"},
+        {[&] { return ReplaceFile(none, file); }, "ReplaceFile: refusing an empty path;"},
+        {[&] { return ReplaceFile(file, none); }, "ReplaceFile: refusing an empty path;"},
         {[&] { return SecureFileOrDirectory(none, true), false; },
-         "SecureFileOrDirectory: refusing an empty path;", false},
-        {[&] { return RemoveFileChecked(none); }, "RemoveFile: refusing an empty path;", true},
-        {[&] { return RenameFileChecked(none, file, true); }, "RenameFile: refusing an empty path;",
-         true},
-        {[&] { return RenameFileChecked(file, none, true); }, "RenameFile: refusing an empty path;",
-         true},
+         "SecureFileOrDirectory: refusing an empty path;"},
+        {[&] { return RemoveFileChecked(none); }, "RemoveFile: refusing an empty path;"},
+        {[&] { return RenameFileChecked(none, file, true); },
+         "RenameFile: refusing an empty path;"},
+        {[&] { return RenameFileChecked(file, none, true); },
+         "RenameFile: refusing an empty path;"},
     };
     std::vector<std::function<bool()>> calls;
     for (const auto& c : cases)
@@ -559,11 +439,11 @@ TEST(EmptyPathAndRootTest, EveryDestructiveOperationRefusesThem) {
     ASSERT_EQ(reports.size(), calls.size());
     for (size_t i = 0; i < calls.size(); ++i) {
         const std::string& report = reports[i];
+        const size_t bar = report.find('|');
         EXPECT_EQ(report.substr(0, 2), "0 ") << "case " << i;
-        EXPECT_EQ(report.substr(report.find('|') + 1), cases[i].errors) << "case " << i;
-        if (cases[i].setsErrno) {
-            EXPECT_EQ(report.substr(2, report.find('|') - 2), std::to_string(ENOENT))
-                << "case " << i;
+        EXPECT_EQ(report.substr(bar + 1), cases[i].errors) << "case " << i;
+        if (cases[i].errors.find("empty path") != std::string::npos) {
+            EXPECT_EQ(report.substr(2, bar - 2), std::to_string(ENOENT)) << "case " << i;
         }
     }
     EXPECT_EQ(Take(dir.path()), before);

@@ -74,12 +74,11 @@ class SSLCertTest : public testing::Test {
 };
 ScratchDir* SSLCertTest::dir_ = nullptr;
 
+// Ten fingerprints hold a byte below 0x10, whose leading zero counts, all but surely.
 TEST_F(SSLCertTest, FingerprintsAndNamesAreThoseTheToolPrints) {
-    ToolOutput("cd " + dir_->path() + " && for i in $(seq 1 20); do openssl x509 -req -in " +
-               "self.csr -subj \"/C=CH/O=Vesk $i/CN=host$i.test\" -CA ca.pem -CAkey ca.key " +
-               "-set_serial $i -days $i -out many$i.pem 2>/dev/null; done");
-    for (int i = 1; i <= 20; ++i) {
-        const std::string path = Pem("many" + std::to_string(i));
+    for (const char* name : {"ca", "rogue", "server", "elsewhere", "impostor", "expired", "agent",
+                             "weak", "self", "selfexpired"}) {
+        const std::string path = Pem(name);
         CSSLCert* certificate = CSSLCert::DecodeFile(Utf8(path));
         ASSERT_NE(certificate, nullptr) << path;
         const std::string tool = ToolOutput("openssl x509 -noout -nameopt compat -fingerprint " +
@@ -113,34 +112,29 @@ TEST_F(SSLCertTest, FingerprintsAndNamesAreThoseTheToolPrints) {
 }
 
 TEST_F(SSLCertTest, IsValidAgreesWithOpensslVerify) {
-    struct Case {
-        const char* certificate;
-        const char* anchor;  // trusted by the context, and by the tool
-        bool selfSigned;
-    } const cases[] = {
-        {"server", "ca", false},   {"expired", "ca", false}, {"future", "ca", false},
-        {"impostor", "ca", false}, {"self", "self", true},   {"selfexpired", "selfexpired", true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.certificate);
+    // The anchor the context and the tool trust: ca, or for a self-signed
+    // certificate itself, which counts without any store.
+    for (const std::string name : {"server", "expired", "impostor", "self", "selfexpired"}) {
+        SCOPED_TRACE(name);
+        const bool selfSigned = name.rfind("self", 0) == 0;
+        const std::string trusted = selfSigned ? name : "ca";
         CSSLContext* context = CSSLContext::New(TLS_client_method());
-        CSSLCert* anchor = Load(c.anchor);
-        if (!c.selfSigned) {  // a self-signed one counts without any store
+        CSSLCert* anchor = Load(trusted);
+        if (!selfSigned) {
             EXPECT_EQ(context->AddCA(anchor->handle()), 1);
         }
         log.Clear();
-        const int expected = VerifyCode(Pem(c.anchor), Pem(c.certificate));
-        EXPECT_EQ(CSSLCert::IsValid(Utf8(Pem(c.certificate)), *context), expected);
+        const int expected = VerifyCode(Pem(trusted), Pem(name));
+        EXPECT_EQ(CSSLCert::IsValid(Utf8(Pem(name)), *context), expected);
         // Only a chain through the store is reported by the verify callback.
         const std::string line = "SSLVerifyCallback() - verify error " + std::to_string(expected) +
                                  ": " + X509_verify_cert_error_string(expected);
-        EXPECT_EQ(log.Contains(line), expected != 0 && !c.selfSigned) << line;
+        EXPECT_EQ(log.Contains(line), expected != 0 && !selfSigned) << line;
 
-        CSSLCert* certificate = Load(c.certificate);
-        EXPECT_EQ(certificate->IsSelfSigned(*context), c.selfSigned);
-        EXPECT_EQ(certificate->IsSelfSigned(context->GetCertStore()), c.selfSigned);
-        EXPECT_EQ(certificate->CheckIfIssuedBy(*anchor) == X509_V_OK,
-                  c.certificate != std::string("impostor"));
+        CSSLCert* certificate = Load(name);
+        EXPECT_EQ(certificate->IsSelfSigned(*context), selfSigned);
+        EXPECT_EQ(certificate->IsSelfSigned(context->GetCertStore()), selfSigned);
+        EXPECT_EQ(certificate->CheckIfIssuedBy(*anchor) == X509_V_OK, name != "impostor");
         certificate->Delete();
         anchor->Delete();
         context->Delete();

@@ -81,21 +81,15 @@ class SSLContextTest : public testing::Test {
         signal(SIGPIPE, SIG_IGN);  // a peer may close while tickets are still being sent
         dir_ = new ScratchDir;
         ASSERT_TRUE(MakePki(dir_->path()));
-        const char* credentials[][4] = {
-            {"agent", "agent", "agent", kMachine},
-            {"server", "server", "server", kMachine},
-            {"weak", "weak", "weak", kMachine},
-            {"selfagent", "self", "self", kMachine},
-            {"unknown", "impostor", "server", kMachine},
-            {"expiredagent", "selfexpired", "self", kMachine},
-            {"otherbox", "agent", "agent", "n;v;s;02:00:00:00:00:02;i"},  // another machine's
+        setenv("VESK_HOSTSEAL_FACTS", kMachine, 1);
+        const char* credentials[][3] = {
+            {"agent", "agent", "agent"},       {"server", "server", "server"},
+            {"weak", "weak", "weak"},          {"selfagent", "self", "self"},
+            {"unknown", "impostor", "server"}, {"expiredagent", "selfexpired", "self"},
         };
-        for (const auto& [name, certificate, key, machine] : credentials) {
-            setenv("VESK_HOSTSEAL_FACTS", machine, 1);
+        for (const auto& [name, certificate, key] : credentials)
             ASSERT_TRUE(
                 WriteCredentials(File(name) + ".cred", Pem(certificate), File(key) + ".key"));
-        }
-        setenv("VESK_HOSTSEAL_FACTS", kMachine, 1);
         ASSERT_NE(ReadFile(File("agent.cred")).find("ENCRYPTED PRIVATE KEY"), std::string::npos);
         WriteFile(File("certonly.cred"), ReadFile(Pem("agent")));
         std::string newer = ReadFile(File("agent.cred"));
@@ -156,8 +150,6 @@ TEST_F(SSLContextTest, UseCredentialsReportsEachFailureWithItsMessageAndCode) {
         {"expiredagent.cred", "", X509_V_ERR_CERT_HAS_EXPIRED,
          agentLoad + File("expiredagent.cred") + "\n" + errorIs + "certificate has expired"},
         {"certonly.cred", "ca.pem", kShown, "Unable to load agent private key.\nerror:"},
-        // The sealed password opens on its own machine only.
-        {"otherbox.cred", "ca.pem", kShown, "Unable to load agent private key.\nerror:"},
         {"newer.cred", "ca.pem", -1, "Unable to load agent private key.\nerror:00000000:"},
         // Debian's security level 2 refuses a 1024-bit RSA key.
         {"weak.cred", "ca.pem", static_cast<int>(ERR_PACK(ERR_LIB_SSL, 0, SSL_R_EE_KEY_TOO_SMALL)),
@@ -203,50 +195,27 @@ std::vector<std::string> Lines(const CapturingLog& log, const std::string& mask)
     return lines;
 }
 
-// The trace of a verified TLS 1.3 handshake: states, chain, and messages.
-void ExpectHandshakeTrace(const CapturingLog& log) {
-    const auto ssl = Lines(log, "SSL");
-    for (const char* line :
-         {"[SSL] SSL_connect:SSLv3/TLS write client hello",
-          "[SSL] SSLVerifyCallback() - depth is 1 /O=Vesk Test/CN=Vesk Test CA",
-          "[SSL] SSLVerifyCallback() - depth is 0 /CN=manager.test",
-          "[SSL] SSLVerifyCallback() - verify return: 1", "[SSL] SSL_connect: exit"})
-        EXPECT_NE(std::find(ssl.begin(), ssl.end(), line), ssl.end()) << line;
-    const auto messages = Lines(log, "SSLMsg");
-    EXPECT_GE(messages.size(), 6u);
-    for (const std::string& line : messages)
-        EXPECT_TRUE(std::regex_match(line, kMessageLine)) << line;
-    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [](const std::string& line) {
-        return line.find(" TLS 1.3 Handshake") != std::string::npos;
-    }));
-}
-
 TEST_F(SSLContextTest, ClientVerifiesTheServerByChainNotByName) {
     struct Case {
         const char* certificate;
-        const char* protocol;
+        int version;
         int verify;
         int failure;  // the verification error, or 0 for a connection
-        int version;
-        bool traced;
     } const cases[] = {
-        {"server", "-tls1_2", SSL_VERIFY_PEER, 0, TLS1_2_VERSION, false},
-        {"server", "-tls1_3", SSL_VERIFY_PEER, 0, TLS1_3_VERSION, true},
-        {"elsewhere", "-tls1_3", SSL_VERIFY_PEER, 0, TLS1_3_VERSION, false},  // another host's
-        {"impostor", "-tls1_3", SSL_VERIFY_PEER, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, 0,
-         false},
-        {"expired", "-tls1_2", SSL_VERIFY_PEER, X509_V_ERR_CERT_HAS_EXPIRED, 0, false},
-        {"impostor", "-tls1_3", SSL_VERIFY_NONE, 0, TLS1_3_VERSION, false},
+        {"server", TLS1_2_VERSION, SSL_VERIFY_PEER, 0},
+        {"server", TLS1_3_VERSION, SSL_VERIFY_PEER, 0},
+        {"elsewhere", TLS1_3_VERSION, SSL_VERIFY_PEER, 0},  // another host's
+        {"impostor", TLS1_3_VERSION, SSL_VERIFY_PEER, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+        {"expired", TLS1_2_VERSION, SSL_VERIFY_PEER, X509_V_ERR_CERT_HAS_EXPIRED},
+        {"impostor", TLS1_3_VERSION, SSL_VERIFY_NONE, 0},
     };
-    const std::string expected = Fingerprint(Pem("server"));
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.certificate + std::string(c.protocol) + (c.verify ? "" : " unverified"));
+        const char* protocol = c.version == TLS1_2_VERSION ? "-tls1_2" : "-tls1_3";
+        SCOPED_TRACE(c.certificate + std::string(protocol) + (c.verify ? "" : " unverified"));
         // The server insists on a client certificate from the CA.
         OpensslServer server({"-cert", Pem(c.certificate), "-key", File("server.key"), "-CAfile",
-                              Pem("ca"), "-Verify", "1", "-verify_return_error", "-www",
-                              c.protocol});
+                              Pem("ca"), "-Verify", "1", "-verify_return_error", "-www", protocol});
         ASSERT_NE(server.port(), 0) << server.output;
-        TraceMasksSet(c.traced ? "SSL,SSLMsg" : "");  // read when the context is made
         Context context = Credentialed(TLS_client_method(), "agent", c.verify);
         log.Clear();
         Connection connection(context.get(), ConnectLoopback(server.port(), kSeconds));
@@ -259,11 +228,7 @@ TEST_F(SSLContextTest, ClientVerifiesTheServerByChainNotByName) {
         EXPECT_TRUE(connection.Write("GET / HTTP/1.0\r\n\r\n"));
         EXPECT_EQ(connection.Read().substr(0, 15), "HTTP/1.0 200 ok");
         // Who answered shows in the fingerprint alone.
-        const std::string peer = connection.PeerFingerprint();
-        EXPECT_EQ(peer, Fingerprint(Pem(c.certificate)));
-        EXPECT_EQ(peer == expected, c.certificate == std::string("server"));
-        if (c.traced)
-            ExpectHandshakeTrace(log);
+        EXPECT_EQ(connection.PeerFingerprint(), Fingerprint(Pem(c.certificate)));
     }
 }
 
@@ -271,24 +236,20 @@ TEST_F(SSLContextTest, ServerAcceptsOpensslClientsWithTrustedCertificatesOnly) {
     Context context = Credentialed(TLS_server_method(), "server",
                                    SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT);
     int port = 0;
-    const int listener = ListenLoopback(port);
+    const int listener = ListenLoopback(port, kSeconds);
     ASSERT_GE(listener, 0);
     for (const bool withCertificate : {true, false}) {
         SCOPED_TRACE(withCertificate ? "with a certificate" : "without");
-        std::vector<std::string> argv = {"openssl",
-                                         "s_client",
-                                         "-connect",
-                                         "127.0.0.1:" + std::to_string(port),
-                                         "-CAfile",
-                                         Pem("ca"),
-                                         "-verify_return_error",
-                                         "-quiet"};
+        std::vector<std::string> argv = {"openssl",  "s_client",
+                                         "-quiet",   "-verify_return_error",
+                                         "-connect", "127.0.0.1:" + std::to_string(port),
+                                         "-CAfile",  Pem("ca")};
         if (withCertificate)
             argv.insert(argv.end(), {"-cert", Pem("agent"), "-key", File("agent.key")});
         ChildProcess client(argv);
         client.Write("hello\n");
         {
-            Connection connection(context.get(), AcceptWithin(listener, kSeconds * 1000, kSeconds));
+            Connection connection(context.get(), accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
             EXPECT_EQ(connection.Accept(), withCertificate);
             if (withCertificate) {
                 EXPECT_EQ(connection.Read("\n"), "hello\n");
@@ -321,8 +282,6 @@ TEST_F(SSLContextTest, OptionsKeepTheirPublishedNumbersAndTheSecurityLevelNeverD
         {kAll, SSL_OP_ALL, SSL_OP_NO_ANTI_REPLAY, kAll | kNoSslV2},
         {kServerPreference, SSL_OP_CIPHER_SERVER_PREFERENCE, 0, kServerPreference | kNoSslV2},
         {kNoSslV2, 0, SSL_OP_NO_ANTI_REPLAY | SSL_OP_ALL, kNoSslV2},
-        {kAll | kServerPreference | kNoSslV2, SSL_OP_ALL | SSL_OP_CIPHER_SERVER_PREFERENCE,
-         SSL_OP_NO_ANTI_REPLAY, kAll | kServerPreference | kNoSslV2},
         {static_cast<long>(SSL_OP_NO_TICKET), SSL_OP_NO_TICKET, SSL_OP_ALL,
          static_cast<long>(SSL_OP_NO_TICKET)},
     };
@@ -348,7 +307,6 @@ TEST_F(SSLContextTest, OptionsKeepTheirPublishedNumbersAndTheSecurityLevelNeverD
     } const lists[] = {
         {"ECDHE-RSA-AES128-GCM-SHA256", 1, level},
         {"DEFAULT:@SECLEVEL=0", 0, level},
-        {"HIGH:@SECLEVEL=" + std::to_string(level - 1), 0, level},
         {"HIGH:@SECLEVEL=1:@SECLEVEL=" + std::to_string(level), 0, level},
         {"HIGH:@SECLEVEL=" + std::to_string(level), 1, level},
         {"HIGH:@SECLEVEL=" + std::to_string(level + 1), 1, level + 1},
@@ -370,23 +328,19 @@ TEST_F(SSLContextTest, CallbacksWriteTheLinesOfTheirMessagesAndStates) {
     struct Message {
         int writing, version, type;
         const char* hex;
-        const char* line;  // "" for none
+        const char* line;
     } const messages[] = {
         {1, TLS1_3_VERSION, 22, "0102030405060708090A0B0C0D0E0F1011",
          ">>> TLS 1.3 Handshake [length 0011], ClientHello [01 02 03 04 05 06 07 08 09 0A 0B 0C 0D "
          "0E 0F 10 ...]"},
         {0, TLS1_2_VERSION, 21, "0228",
          "<<< TLS 1.2 Alert [length 0002], fatal handshake_failure [02 28]"},
-        {0, TLS1_1_VERSION, 21, "0100",
-         "<<< TLS 1.1 Alert [length 0002], warning close_notify [01 00]"},
         {1, TLS1_2_VERSION, 20, "01", ">>> TLS 1.2 ChangeCipherSpec [length 0001] [01]"},
         {1, TLS1_3_VERSION, 22, "0400", ">>> TLS 1.3 Handshake [length 0002], ??? [04 00]"},
         {1, SSL2_VERSION, 0, "000002",
          ">>> SSL 2.0 [length 0003], ERROR: NO-CERTIFICATE-ERROR [00 00 02]"},
         {0, 0x7F00, 22, "", "<<< ???Handshake [length 0000], ??? ["},
         {1, TLS1_VERSION, 23, "41", ">>> TLS 1.0  [length 0001] [41]"},
-        {1, TLS1_3_VERSION, SSL3_RT_HEADER, "1703030013", ""},
-        {1, TLS1_3_VERSION, SSL3_RT_INNER_CONTENT_TYPE, "16", ""},
     };
     BIO* trace = BIO_new_LogTrace("SSLMsg", true);
     for (const Message& m : messages) {
@@ -395,8 +349,7 @@ TEST_F(SSLContextTest, CallbacksWriteTheLinesOfTheirMessagesAndStates) {
         CSSLContext::SSLContextMessageCallback(m.writing, m.version, m.type, bytes.data(),
                                                bytes.size(), nullptr, trace);
         EXPECT_EQ(Lines(log, "SSLMsg"),
-                  *m.line ? std::vector<std::string>{"[SSLMsg] " + std::string(m.line)}
-                          : std::vector<std::string>{});
+                  std::vector<std::string>{"[SSLMsg] " + std::string(m.line)});
     }
     BIO_free_all(trace);
 
@@ -406,11 +359,8 @@ TEST_F(SSLContextTest, CallbacksWriteTheLinesOfTheirMessagesAndStates) {
         int where, result;
         const char* line;  // a trace line, or for a result of 0 or below an error line
     } const states[] = {
-        {SSL_CB_CONNECT_LOOP, 1, "[SSL] SSL_connect:before SSL initialization"},
         {SSL_CB_LOOP, 1, "[SSL] undefined:before SSL initialization"},
         {SSL_CB_READ_ALERT, 0x228, "[SSL] SSL3 alert read:fatal:handshake failure"},
-        {SSL_CB_WRITE_ALERT, 0x100, "[SSL] SSL3 alert write:warning:close notify"},
-        {SSL_CB_ACCEPT_EXIT, 1, "[SSL] SSL_accept: exit"},
         {SSL_CB_CONNECT_EXIT, 0, "SSL_connect:failed in before SSL initialization"},
         {SSL_CB_ACCEPT_EXIT, -1, "SSL_accept:error in before SSL initialization"},
         {SSL_CB_HANDSHAKE_START, 1, ""},
@@ -467,10 +417,17 @@ TEST_F(SSLContextTest, TraceLinesOfConcurrentConnectionsStayWhole) {
     size_t hellos = 0;
     for (const std::string& line : Lines(log, "SSLMsg")) {
         EXPECT_TRUE(std::regex_match(line, kMessageLine)) << line;
-        hellos += line.find(">>> ") != std::string::npos &&
+        hellos += line.find(">>> TLS 1.3 Handshake ") != std::string::npos &&
                   line.find(", ClientHello [") != std::string::npos;
     }
     EXPECT_EQ(hellos, static_cast<size_t>(kThreads * kHandshakes));
+    const auto states = Lines(log, "SSL");
+    for (const char* line :
+         {"[SSL] SSL_connect:SSLv3/TLS write client hello", "[SSL] SSL_connect: exit",
+          "[SSL] SSLVerifyCallback() - depth is 1 /O=Vesk Test/CN=Vesk Test CA",
+          "[SSL] SSLVerifyCallback() - depth is 0 /CN=manager.test",
+          "[SSL] SSLVerifyCallback() - verify return: 1"})
+        EXPECT_NE(std::find(states.begin(), states.end(), line), states.end()) << line;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // What the TLS tests and the handshake benchmark share: certificates made by
-// the openssl command, child processes of the openssl command (s_server,
-// s_client, s_time) with their output, and loopback sockets that give up
-// after a time-out. No GoogleTest here: failures come back as results.
+// the openssl command, child processes (s_server, s_client, s_time) with their
+// output, and loopback sockets that give up after a time-out.
 #pragma once
 
 #include <arpa/inet.h>
@@ -19,7 +18,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/common/Credentials.h"
@@ -28,19 +26,11 @@ extern char** environ;
 
 namespace VeskTest {
 
-// The certificates of the TLS tests, made in `dir` by MakePki():
-//   ca            trusted CA ("/O=Vesk Test/CN=Vesk Test CA")
-//   rogue         a CA nobody trusts
-//   server        CN=manager.test from ca          (key server.key)
-//   elsewhere     CN=elsewhere.test from ca        (server.key)
-//   impostor      CN=manager.test from rogue       (server.key)
-//   expired       CN=manager.test from ca, 2020    (server.key)
-//   future        CN=manager.test from ca, 2099    (server.key)
-//   agent         CN=agent from ca                 (agent.key)
-//   weak          CN=weak agent from ca, RSA 1024  (weak.key)
-//   self          self-signed CN=self              (self.key)
-//   selfexpired   self-signed CN=self, 2020        (self.key)
-// Certificates are <name>.pem. True when every step worked.
+// <name>.pem in `dir`, each with the key named in brackets: ca and rogue, two
+// CAs of which ca alone is trusted; server [server] is CN=manager.test from
+// ca, elsewhere [server] another host's, impostor [server] manager.test from
+// rogue, expired [server] from ca but of 2020; agent [agent] and weak [weak,
+// RSA 1024] from ca; self and selfexpired [self] self-signed, the second of 2020.
 inline bool MakePki(const std::string& dir) {
     const std::string script = "cd '" + dir + R"(' && set -e
 key() { openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:${2:-2048} -out $1.key; }
@@ -62,14 +52,11 @@ issue weak weak '/CN=weak agent' ca
 printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index.txt\nnew_certs_dir=.\nserial=serial\n' >ca.cnf
 printf 'default_md=sha256\npolicy=p\nunique_subject=no\n[p]\ncommonName=supplied\n' >>ca.cnf
 touch index.txt; echo 01 >serial
-dated() {  # name ca-options start end
-  openssl ca -config ca.cnf -batch -notext $2 -in server.csr -startdate $3 -enddate $4 -out $1.pem
-}
-dated expired '-cert ca.pem -keyfile ca.key' 20200101000000Z 20200201000000Z
-dated future '-cert ca.pem -keyfile ca.key' 20991201000000Z 20991231000000Z
+dated() { openssl ca -config ca.cnf -batch -notext -startdate 20200101000000Z \
+  -enddate 20200201000000Z "$@"; }
+dated -cert ca.pem -keyfile ca.key -in server.csr -out expired.pem
 openssl req -new -key self.key -subj /CN=self -out self.csr
-openssl ca -config ca.cnf -batch -notext -selfsign -keyfile self.key -in self.csr \
-  -startdate 20200101000000Z -enddate 20200201000000Z -out selfexpired.pem
+dated -selfsign -keyfile self.key -in self.csr -out selfexpired.pem
 )";
     return std::system(("(" + script + ") >/dev/null 2>&1").c_str()) == 0;
 }
@@ -214,6 +201,7 @@ class OpensslServer : public ChildProcess {
     int port_ = 0;
 };
 
+// Reads, writes and (on a listener) accept give up after `seconds`.
 inline void SetTimeouts(int fd, int seconds) {
     const timeval limit{seconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
@@ -230,8 +218,7 @@ inline sockaddr_in Loopback(int port) {
     return address;
 }
 
-// A blocking TCP connection to 127.0.0.1:`port` whose reads and writes give
-// up after `seconds`; -1 on failure.
+// A TCP connection to 127.0.0.1:`port` with time-outs of `seconds`; -1 on failure.
 inline int ConnectLoopback(int port, int seconds) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = Loopback(port);
@@ -243,11 +230,13 @@ inline int ConnectLoopback(int port, int seconds) {
     return -1;
 }
 
-// A listening socket on 127.0.0.1 with an ephemeral port, which `port` gets.
-inline int ListenLoopback(int& port) {
+// A listener on 127.0.0.1 with time-outs of `seconds`, which the connections
+// it accepts inherit, on an ephemeral port that `port` gets; -1 on failure.
+inline int ListenLoopback(int& port, int seconds) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
+    SetTimeouts(fd, seconds);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(fd, 8) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -256,18 +245,6 @@ inline int ListenLoopback(int& port) {
         return -1;
     }
     port = ntohs(address.sin_port);
-    return fd;
-}
-
-// The next connection within `timeoutMs`, with `seconds` of time-out on its
-// reads and writes; -1 when none came.
-inline int AcceptWithin(int listener, int timeoutMs, int seconds) {
-    pollfd ready{listener, POLLIN, 0};
-    if (poll(&ready, 1, timeoutMs) != 1)
-        return -1;
-    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd >= 0)
-        SetTimeouts(fd, seconds);
     return fd;
 }
 

@@ -8,13 +8,14 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <iterator>
 #include <lua.hpp>
 #include <string>
 #include <utility>
 
 #include "core/lua/LuaInterpreter.h"
+#include "tests/common/CommonTestSupport.h"
+#include "tests/support/Tools.h"
 
 using namespace ::testing;
 namespace fs = std::filesystem;
@@ -23,14 +24,11 @@ namespace {
 
 // Packing commands, run in the folder of the sources: {a} the archive's
 // path, {e} the entries in the order they are to be stored.
-#define VESK_PYZIP(method, extra)                                                                 \
-    "python3 -c 'import sys, zipfile as z; a = z.ZipFile(sys.argv[1], \"w\", " method "); " extra \
-    "[a.write(n) for n in sys.argv[2:]]; a.close()' {a} {e}"
 const std::string kPackers[] = {
     "zip -q -X -0 {a} {e}",
     "zip -q -X -9 {a} {e}",
-    VESK_PYZIP("0", ""),
-    VESK_PYZIP("8", "a.comment = b\"with a comment\"; "),
+    "python3 -c 'import sys, zipfile as z; a = z.ZipFile(sys.argv[1], \"w\", 8); "
+    "a.comment = b\"with a comment\"; [a.write(n) for n in sys.argv[2:]]; a.close()' {a} {e}",
     "zip -q -X -9 -fz {a} {e}",                 // zip64 end records and extra fields
     "zip -q -X -9 - {e} | cat > {a}",           // to a pipe: sizes and CRC after the data
     "cmake -E tar cf {a} --format=zip -- {e}",  // libarchive, as the build packs its own
@@ -38,27 +36,12 @@ const std::string kPackers[] = {
 const std::string& kStore = kPackers[0];
 const std::string& kDeflate = kPackers[1];
 
-// The first of the tools the machine lacks, or empty.
-std::string Missing(std::initializer_list<std::string> tools) {
-    for (const std::string& tool : tools)
-        if (std::system(("command -v " + tool + " >/dev/null 2>&1").c_str()) != 0)
-            return tool;
-    return "";
-}
-#define VESK_NEEDS(...)                                                 \
-    do {                                                                \
-        const std::string missing = Missing({__VA_ARGS__});             \
-        if (!missing.empty())                                           \
-            GTEST_SKIP() << "needs " << missing << " to pack archives"; \
-    } while (0)
-
 // A one-entry archive's bytes, to damage in place.
 struct Archive {
     explicit Archive(const std::string& file) : path(file) {
         std::ifstream in(path, std::ios::binary);
         bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        end = bytes.rfind(std::string("PK\5\6", 4));
-        central = Get(end + 16, 4);
+        central = Get(bytes.rfind(std::string("PK\5\6", 4)) + 16, 4);
     }
     uint64_t Get(size_t at, int count) const {
         uint64_t value = 0;
@@ -80,14 +63,11 @@ struct Archive {
     void Save() const { std::ofstream(path, std::ios::binary) << bytes; }
 
     std::string path, bytes;
-    size_t end = 0, central = 0;
+    size_t central = 0;
 };
 
 struct ZipSearch : ::testing::Test {
     void SetUp() override {
-        std::string name = TempDir() + "vzXXXXXX";
-        ASSERT_NE(mkdtemp(&name[0]), nullptr);
-        dir = name;
         // The long comment takes more than one read of the loader's buffer.
         Put("big.lua", "-- " + std::string(40000, '-') + "\nreturn 'big'");
         for (std::string file : {"m/file.lua", "m/pkg/init.lua", "o/x.lua", "o/x/init.lua"})
@@ -95,7 +75,6 @@ struct ZipSearch : ::testing::Test {
         // Long enough that zip deflates it rather than storing it.
         Put("d/m.lua", "-- " + std::string(300, 'x') + "\nreturn 'original'");
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     void Put(const std::string& file, const std::string& text) {
         fs::create_directories(fs::path(dir + "/src/" + file).parent_path());
@@ -108,10 +87,6 @@ struct ZipSearch : ::testing::Test {
         command = "cd " + dir + "/src && " + command;
         EXPECT_EQ(std::system(command.c_str()), 0) << command;
         return path;
-    }
-    // Returns the archive's path, which names the packer.
-    std::string Pack(int packer, const std::string& name, const std::string& entries) {
-        return Pack(kPackers[packer], name + std::to_string(packer), entries);
     }
     // require in a fresh state searching `list`, then `more`: the module's value or the error.
     std::string Require(std::string list, std::string module, std::string more = "") {
@@ -142,30 +117,33 @@ struct ZipSearch : ::testing::Test {
         return "";
     }
 
-    std::string dir;
+    VeskTest::ScratchDir scratch;
+    const std::string dir = scratch.path();
 };
 
 TEST_F(ZipSearch, LoadsModulesFromArchivesOfEveryTool) {
-    VESK_NEEDS("zip", "python3", "cmake");
-    for (int packer = 0; packer < static_cast<int>(std::size(kPackers)); ++packer) {
-        SCOPED_TRACE(kPackers[packer]);
-        const std::string all = Pack(packer, "all", "m/file.lua big.lua m/pkg/init.lua");
+    VESK_SKIP_WITHOUT_TOOLS("zip", "python3", "cmake");
+    int n = 0;
+    for (const std::string& packer : kPackers) {
+        SCOPED_TRACE(packer);
+        const std::string tag = std::to_string(n++);
+        const std::string all = Pack(packer, "all" + tag, "m/file.lua big.lua m/pkg/init.lua");
         EXPECT_EQ(Require(all, "m.file"), "m/file.lua");
         EXPECT_EQ(Require(all, "m.pkg"), "m/pkg/init.lua");
         EXPECT_EQ(Require(all, "big"), "big");  // read to the entry's end, not beyond
         // Both forms of a module in one archive: archive order decides, not the form.
-        EXPECT_EQ(Require(Pack(packer, "i", "o/x/init.lua o/x.lua"), "o.x"), "o/x/init.lua");
-        EXPECT_EQ(Require(Pack(packer, "f", "o/x.lua o/x/init.lua"), "o.x"), "o/x.lua");
+        EXPECT_EQ(Require(Pack(packer, "i" + tag, "o/x/init.lua o/x.lua"), "o.x"), "o/x/init.lua");
+        EXPECT_EQ(Require(Pack(packer, "f" + tag, "o/x.lua o/x/init.lua"), "o.x"), "o/x.lua");
         // Data in front of the archive, as a self-extractor has, with offsets left as they were.
-        const std::string front = dir + "/front" + std::to_string(packer) + ".zip";
+        const std::string front = dir + "/front" + tag + ".zip";
         std::ofstream(front, std::ios::binary) << std::string(1000, '#') << Archive(all).bytes;
         EXPECT_EQ(Require(front, "m.pkg"), "m/pkg/init.lua");
     }
 }
 
 TEST_F(ZipSearch, FailureTextNamesEachArchive) {
-    VESK_NEEDS("zip");
-    const std::string good = Pack(0, "good", "m/file.lua");
+    VESK_SKIP_WITHOUT_TOOLS("zip");
+    const std::string good = Pack(kStore, "good", "m/file.lua");
     const std::string junk = dir + "/junk.zip", none = dir + "/none.zip";
     std::ofstream(junk) << std::string(5000, 'P') << "PK\x03\x04 not really an archive";
     EXPECT_THAT(Require(good + ";" + none + ";" + junk, "no.such"),
@@ -174,42 +152,11 @@ TEST_F(ZipSearch, FailureTextNamesEachArchive) {
     EXPECT_THAT(Require(good + ";;", "no.such"), EndsWith(NotIn(good) + "\n\tno file ''"));
 }
 
-TEST_F(ZipSearch, AnArchiveThatCannotBeOpenedEndsTheSearchUnlessAModuleBroke) {
-    VESK_NEEDS("zip", "python3");
-    const std::string unopenable = Unopenable();
-    if (unopenable.empty())
-        GTEST_SKIP()
-            << "needs /sys, or a user bound by file modes, for a file that cannot be opened";
-    const std::string good = Pack(0, "good", "m/file.lua"), none = dir + "/none.zip";
-    EXPECT_THAT(Require(none + ";" + unopenable + ";" + good, "m.file"),
-                EndsWith("\n\tno file '" + none + "'\n\terror opening file '" + unopenable + "'"));
-    Put("s/y.lua", "return (");
-    const std::string bad = Pack(2, "br", "s/y.lua");
-    Put("s/y.lua", "return 'repaired'");
-    const std::string fixed = Pack(3, "ok", "s/y.lua");
-    EXPECT_EQ(Require(bad + ";" + unopenable + ";" + fixed, "s.y"), "repaired");
-}
-
-TEST_F(ZipSearch, LaterArchivesAndLaterRegistrationsAreSearchedInTurn) {
-    VESK_NEEDS("zip", "python3");
-    Put("s/y.lua", "return (");
-    const std::string bad = Pack(2, "br", "s/y.lua");
-    Put("s/y.lua", "return 'repaired'");
-    const std::string fixed = Pack(3, "ok", "s/y.lua");
-    EXPECT_EQ(Require(bad + ";" + fixed, "s.y"), "repaired");
-    // Raised with a line of failure text already gathered (a leak once).
-    EXPECT_THAT(Require("none;" + bad, "s.y"), StartsWith("[string \"" + bad + ":s/y.lua\"]:1:"));
-    const std::string first = Pack(1, "first", "m/file.lua");
-    EXPECT_EQ(Require(first, "m.file", fixed), "m/file.lua");
-    EXPECT_EQ(Require(first, "s.y", fixed), "repaired");
-    EXPECT_THAT(Require(first, "no.such", fixed), EndsWith(NotIn(first) + NotIn(fixed)));
-}
-
 // Fields of a local header.
-constexpr size_t kFlags = 6, kMethod = 8, kCrc = 14, kPacked = 18, kSize = 22, kNameLength = 26;
+constexpr size_t kMethod = 8, kCrc = 14, kPacked = 18, kSize = 22, kNameLength = 26;
 
 TEST_F(ZipSearch, DamagedEntriesRaiseAnErrorNamingArchiveAndEntry) {
-    VESK_NEEDS("zip");
+    VESK_SKIP_WITHOUT_TOOLS("zip");
     struct Case {
         const char* what;
         std::string packer;
@@ -242,13 +189,8 @@ TEST_F(ZipSearch, DamagedEntriesRaiseAnErrorNamingArchiveAndEntry) {
          [](Archive& a) { a.Set(kNameLength, 2, a.Get(kNameLength, 2) + 1); }, "bad local header"},
         {"local header offset", kDeflate, [](Archive& a) { a.Set(a.central + 42, 4, 1); },
          "bad local header"},
-        {"central directory offset", kDeflate,
-         [](Archive& a) { a.Set(a.end + 16, 4, a.central - 1); }, "bad local header"},
         {"bzip2", kStore, [](Archive& a) { a.SetBoth(kMethod, 2, 12); },
          "unsupported compression method 12"},
-        {"LZMA", kStore, [](Archive& a) { a.SetBoth(kMethod, 2, 14); },
-         "unsupported compression method 14"},
-        {"encrypted flag", kStore, [](Archive& a) { a.SetBoth(kFlags, 2, 1); }, "encrypted entry"},
         {"encrypted by zip", "zip -q -X -0 -P secret {a} {e}", [](Archive&) {}, "encrypted entry"},
     };
     int row = 0;
@@ -263,32 +205,48 @@ TEST_F(ZipSearch, DamagedEntriesRaiseAnErrorNamingArchiveAndEntry) {
     }
 }
 
-TEST_F(ZipSearch, DamagedEntryCountsAsAModuleThatDoesNotCompile) {
-    VESK_NEEDS("zip");
+// A damaged entry counts as a module that does not compile: later archives of
+// the same list are searched, later registrations are not, and each failure
+// replaces the one before it, whichever kind either is.
+TEST_F(ZipSearch, BrokenOrDamagedModulesEndTheSearchOnlyAtTheEndOfTheirList) {
+    VESK_SKIP_WITHOUT_TOOLS("zip");
     Archive damaged(Pack(kStore, "damaged", "d/m.lua"));
     damaged.bytes.replace(damaged.bytes.find("original"), 8, "tampered");
     damaged.Save();
     const std::string good = Pack(kDeflate, "good", "d/m.lua");
+    const std::string first = Pack(kDeflate, "first", "m/file.lua");
     Put("d/m.lua", "return (");
     const std::string broken = Pack(kStore, "broken", "d/m.lua");
-    const std::string none = Pack(kStore, "none", "m/file.lua");
     const std::string fault = damaged.path + ":d/m.lua: CRC-32 mismatch";
     const std::string syntax = "[string \"" + broken + ":d/m.lua\"]:1:";
-    EXPECT_EQ(Require(damaged.path + ";" + good, "d.m"), "original");
-    // As a broken module does, it ends the search before later registrations.
+    for (const std::string& bad : {damaged.path, broken})
+        EXPECT_EQ(Require(bad + ";" + good, "d.m"), "original") << bad;
     EXPECT_EQ(Require(damaged.path, "d.m", good), fault);
-    EXPECT_EQ(Require(none + ";" + damaged.path + ";" + none, "d.m"), fault);
+    EXPECT_EQ(Require(first + ";" + damaged.path + ";" + first, "d.m"), fault);
+    // Raised with a line of failure text already gathered (a leak once).
+    EXPECT_THAT(Require("none;" + broken, "d.m"), StartsWith(syntax));
     EXPECT_EQ(Require(broken + ";" + damaged.path, "d.m"), fault);
     EXPECT_THAT(Require(damaged.path + ";" + broken, "d.m"), StartsWith(syntax));
-    // Each failure replaces the one before it, whichever kind either is.
     std::string many;
     for (int i = 0; i < 60; ++i)
         many += (i % 2 ? broken : damaged.path) + ";";
     EXPECT_EQ(Require(many + good, "d.m"), "original");
+    EXPECT_EQ(Require(first, "m.file", good), "m/file.lua");
+    EXPECT_EQ(Require(first, "d.m", good), "original");
+    EXPECT_THAT(Require(first, "no.such", good), EndsWith(NotIn(first) + NotIn(good)));
+
+    // An archive that exists but cannot be opened ends the search, unless a module broke.
+    const std::string unopenable = Unopenable();
+    if (unopenable.empty())
+        GTEST_SKIP() << "needs /sys, or a user bound by file modes, for an unopenable file";
+    const std::string none = dir + "/none.zip";
+    EXPECT_THAT(Require(none + ";" + unopenable + ";" + first, "m.file"),
+                EndsWith("\n\tno file '" + none + "'\n\terror opening file '" + unopenable + "'"));
+    EXPECT_EQ(Require(broken + ";" + unopenable + ";" + good, "d.m"), "original");
 }
 
 TEST_F(ZipSearch, NamesOutsideTheArchiveRootAreNoModules) {
-    VESK_NEEDS("zip");
+    VESK_SKIP_WITHOUT_TOOLS("zip");
     Put("ok/y.lua", "return 'y'");
     // Packed under stand-in names of the same length, renamed in place.
     const std::pair<std::string, std::string> renames[] = {{"Xabs/x.lua", "/abs/x.lua"},
@@ -318,7 +276,7 @@ TEST_F(ZipSearch, NamesOutsideTheArchiveRootAreNoModules) {
 }
 
 TEST_F(ZipSearch, ModulesAreCappedAt16MiB) {
-    VESK_NEEDS("zip");
+    VESK_SKIP_WITHOUT_TOOLS("zip");
     for (const std::string name : {"under", "over"}) {
         const std::string head = "return '" + name + "'\n--";
         const size_t size = (16u << 20) + (name == "over");
