@@ -59,9 +59,10 @@ local pathArguments = {
 }
 -- Waits take huge counts as "until awakened" or as a day's sleep, by
 -- design: the walk waits a millisecond instead.
+-- The index of the wait's argument.
 local waits = {
-  Sleep = true, ["wxThread.Sleep"] = true, ShouldExit = true, ["App.ShouldExit"] = true,
-  ["Runnable.TestDestroy"] = true,
+  Sleep = 1, ["wxThread.Sleep"] = 1, ShouldExit = 1, ["App.ShouldExit"] = 1,
+  ["Runnable.TestDestroy"] = 1, ["net.select"] = 4,
 }
 -- Ends the process on purpose: wx's fatal log level.
 local skipped = { wxLogFatalError = true }
@@ -79,20 +80,33 @@ local function safeArgument(path, index, value)
       return "walk-path-" .. index
     end
   end
-  if waits[path] and type(value) == "number" and not (value < 1000) then return 1 end
+  -- A wait given no number waits for ever too (net.select).
+  if waits[path] == index and not (type(value) == "number" and value < 1000) then return 1 end
   return value
 end
 
+local pathKinds = {}
 local report = { calls = 0, errors = 0, returns = 0, failures = {} }
 
 -- WALK_TRACE=1 names each call on stderr: the last name is the call that
 -- ended the process.
 local trace = os.getenv("WALK_TRACE")
 
+-- What a call made of the objects scripts free themselves (a certificate
+-- decoded from a file the walk wrote) goes back at once.
+local function release(ok, ...)
+  if not ok then return ok, ... end
+  for i = 1, select("#", ...) do
+    local made = select(i, ...)
+    if type(made) == "userdata" then pcall(function() made:Delete() end) end
+  end
+  return ok, ...
+end
+
 local function call(what, f, args, n)
   if trace then io.stderr:write(what, " ", n, "\n") end
   report.calls = report.calls + 1
-  local ok, err = pcall(f, table.unpack(args, 1, n))
+  local ok, err = release(pcall(f, table.unpack(args, 1, n)))
   if ok then
     report.returns = report.returns + 1
   elseif type(err) ~= "string" or err == "" then
@@ -104,6 +118,9 @@ end
 
 -- Arguments 1..n of one kind; for a method, `self` first.
 local function arguments(path, self, value, n)
+  -- A Lua C function that waits gets its time always: without one it waits for ever.
+  local entry = pathKinds[path]
+  if entry == "raw" and waits[path] then n = math.max(n, waits[path]) end
   local args, first = {}, 0
   if self ~= nil then args[1], first = self, 1 end
   for i = 1, n do args[first + i] = safeArgument(path, i, value) end
@@ -136,6 +153,7 @@ local function walk(entry, f)
 end
 
 local walked = 0
+for _, entry in ipairs(callables) do pathKinds[entry.path] = entry.kind end
 for _, entry in ipairs(callables) do
   local f = resolve(entry.path)
   local callable = type(f) == "function" or (getmetatable(f) or {}).__call
