@@ -4,7 +4,8 @@
 #   bash scripts/fuzz.sh [TARGET] [SECONDS]      (default: pkcs7_unwrap 60)
 # Targets: pkcs7_unwrap (configuration packages), xml_record (XML records),
 # hostseal_decrypt (blobs sealed by libhostseal), credentials (credentials files
-# and their sealed passwords).
+# and their sealed passwords), http_url, http_reply, http_content (URLs, replies and
+# encoded bodies from a peer).
 # New inputs the fuzzer finds stay in build-fuzz/corpus/TARGET; a crash is
 # written to the current directory as crash-*.
 set -euo pipefail

@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libwxbase3.2-1 wx3.2-headers libwxgtk3.2-dev libwxsqlite3-3.2-dev
   libssl-dev libexpat1-dev liblua5.2-dev zlib1g-dev lua5.2 libcrypt-dev
-  zip unzip sqlite3 libxml2-utils curl openssl python3 xxd uuid-runtime coreutils
+  zip unzip sqlite3 libxml2-utils curl openssl python3 xxd uuid-runtime coreutils nginx-light tinyproxy
 )
 
 missing=()

@@ -5,6 +5,7 @@
 #include "core/api/AppLua.h"
 #include "core/api/CredLua.h"
 #include "core/api/FileLua.h"
+#include "core/api/HttpLua.h"
 #include "core/api/LuaStreamLua.h"
 #include "core/api/NetLua.h"
 #include "core/api/OpenSslLua.h"
@@ -20,11 +21,12 @@ bool VeskLua_Init() {
     // Set first: a registration that fails half-way is never repeated.
     b_InitDone = true;
     SLB::Manager* const manager = SLB::Manager::defaultManager();
-    // Own names first, then the modules in this order; HmdLua_Init and
-    // HttpLua_Init take their places as they are built.
+    // Own names first, then the modules in this order; HmdLua_Init takes its
+    // place as it is built.
     VeskCore::AppLua_Init(manager);
     VeskCore::CredLua_Init(manager);
     VeskCore::FileLua_Init(manager);
+    VeskCore::HttpLua_Init(manager);
     VeskCore::LuaStream_Init(manager);
     VeskCore::NetLua_Init(manager);
     VeskCore::OpenSslLua_Init(manager);

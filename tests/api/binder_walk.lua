@@ -33,6 +33,9 @@ local factories = {
   ["ssl.EvpPkey"] = function() return SLB.ssl.EvpPkey() end,
   ["ssl.RsaKey"] = function() return SLB.ssl.RsaKey() end,
   ["ssl.Cert"] = certificate, ["ssl.Context"] = context,
+  http = function() return SLB.http.Client(nil) end,
+  ["http.Client"] = function() return SLB.http.Client(nil) end,
+  ["http.Server"] = function() return SLB.http.Server(nil) end,
   App = function() return SLB.App() end,
   LuaThread = thread, Runnable = thread, wxThread = thread,
   CLuaStreamBase = function() return SLB.LuaStringInputStream("walk") end,
@@ -57,6 +60,10 @@ local pathArguments = {
   ["wx.FileOutputStream"] = { 1 }, ["cred.EncryptPrivateKey"] = { 1 },
   ["cred.WriteBootstrapCredentials"] = { 1 },
 }
+-- Descriptors a call takes over (and closes): a number that converts to 0
+-- would be the walk's own standard input.
+local descriptorArguments = { ["http.Server.Accept"] = 1 }
+
 -- Waits take huge counts as "until awakened" or as a day's sleep, by
 -- design: the walk waits a millisecond instead.
 -- The index of the wait's argument.
@@ -74,6 +81,7 @@ local function resolve(path)
 end
 
 local function safeArgument(path, index, value)
+  if descriptorArguments[path] == index then return -1 end
   for _, i in ipairs(pathArguments[path] or {}) do
     local text = type(value) == "number" and tostring(value) or value
     if i == index and (type(text) ~= "string" or text == "" or text:byte(1) == 0) then
