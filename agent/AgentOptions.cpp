@@ -53,6 +53,18 @@ bool CAgentOptions::Parse(int argc, const char* const* argv, CAgentOptions& opti
                 return false;
             continue;
         }
+        if (arg == "--set") {
+            std::string setting;
+            if (!TakeValue(argc, argv, i, setting, error))
+                return false;
+            const size_t equals = setting.find('=');
+            if (equals == 0 || equals == std::string::npos) {
+                error = "option --set takes NAME=VALUE, not '" + setting + "'";
+                return false;
+            }
+            options.settings.emplace_back(setting.substr(0, equals), setting.substr(equals + 1));
+            continue;
+        }
         if (arg == "--stop-timeout") {
             if (!TakeSeconds(argc, argv, i, options.stopTimeout, error))
                 return false;
@@ -114,6 +126,7 @@ const char* CAgentOptions::Usage() {
            "  --lua-path PATHS   Lua module templates searched first, as in package.path\n"
            "  --lua-cpath PATHS  native module templates searched first\n"
            "  --zip-path FILES   ';'-separated zip archives of Lua modules\n"
+           "  --set NAME=VALUE   a setting for the services (repeatable), as text\n"
            "  --state-dir DIR    where the configuration is kept (made 0700 if missing);\n"
            "                     one agent at a time: a second one refuses to start\n"
            "  --trace MASKS      comma-separated trace masks (wildcards * and ?), for example\n"

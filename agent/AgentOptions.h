@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 struct CAgentOptions {
@@ -17,6 +18,7 @@ struct CAgentOptions {
     std::string zipPath;                // --zip-path ARCHIVES
     std::string stateDir;               // --state-dir DIR
     unsigned stopTimeout = 20;          // --stop-timeout SECONDS
+    std::vector<std::pair<std::string, std::string>> settings;  // --set NAME=VALUE
 
     // Parses argv. On a usage error returns false with `error` set.
     static bool Parse(int argc, const char* const* argv, CAgentOptions& options,

@@ -48,6 +48,8 @@ void CServiceHost::Configure(VeskCore::CApp& app) const {
     if (!options.traceMasks.empty())
         app.Set("app.trace", options.traceMasks);
     app.Set("agent.state.dir", options.stateDir);
+    for (const auto& [name, value] : options.settings)
+        app.Set(name, value);
 }
 
 int CServiceHost::Run() {

@@ -32,6 +32,13 @@ TEST(AgentOptions, RejectsWhatItCannotDo) {
     EXPECT_NE(error.find("needs a value"), std::string::npos);
     EXPECT_FALSE(Parse({"--run", "a.lua", "--version"}, options, error));
     EXPECT_FALSE(Parse({"run.lua"}, options, error));
+    for (const char* bad : {"=x", "novalue"}) {
+        EXPECT_FALSE(Parse({"--set", bad, "--service", "s"}, options, error)) << bad;
+        EXPECT_NE(error.find("NAME=VALUE"), std::string::npos);
+    }
+    ASSERT_TRUE(Parse({"--set", "a.b=c=d", "--set", "e=", "--service", "s"}, options, error));
+    EXPECT_EQ(options.settings,
+              (std::vector<std::pair<std::string, std::string>>{{"a.b", "c=d"}, {"e", ""}}));
 }
 
 TEST(StderrLog, JournalLinesCarryPriorityInsteadOfTime) {
