@@ -38,61 +38,65 @@ void LogPrinted(const char* text, size_t length) {
 CLuaInterpreter::CLuaInterpreter(bool sandboxed, const char* traceMask, bool registerSLB)
     : sandboxed(sandboxed), traceMask(wxString::FromUTF8(traceMask ? traceMask : "")) {
     traceMaskUtf8 = this->traceMask.utf8_string();
-    state = luaL_newstate();
-    if (state == nullptr)
+    state.reset(luaL_newstate());
+    if (!state)
         throw std::bad_alloc();
+    lua_State* const L = this->L();
 
     // Set before the libraries open: package.path must not come from LUA_PATH.
-    lua_pushboolean(state, 1);
-    lua_setfield(state, LUA_REGISTRYINDEX, "LUA_NOENV");
+    lua_pushboolean(L, 1);
+    lua_setfield(L, LUA_REGISTRYINDEX, "LUA_NOENV");
     TraceMemory("Bare Lua is using %d Kb");
 
-    lua_gc(state, LUA_GCSTOP, 0);
-    luaL_openlibs(state);
-    chunkEnd = std::make_unique<CLuaChunkEnd>(state);
+    lua_gc(L, LUA_GCSTOP, 0);
+    luaL_openlibs(L);
+    chunkEnd = std::make_unique<CLuaChunkEnd>(L);
 
-    lua_pushcfunction(state, LuaTraceback);
-    tracebackIndex = lua_gettop(state);
+    lua_pushcfunction(L, LuaTraceback);
+    tracebackIndex = lua_gettop(L);
     if (sandboxed) {
         for (const char* name : {"debug", "io", "os"}) {
-            lua_pushnil(state);
-            lua_setglobal(state, name);
+            lua_pushnil(L);
+            lua_setglobal(L, name);
         }
     } else {
-        lua_getglobal(state, "os");  // stays on the stack for the state's life
-        lua_pushcfunction(state, OsExit);
-        lua_setfield(state, -2, "exit");
+        lua_getglobal(L, "os");  // stays on the stack for the state's life
+        lua_pushcfunction(L, OsExit);
+        lua_setfield(L, -2, "exit");
     }
-    lua_gc(state, LUA_GCRESTART, 0);
+    lua_gc(L, LUA_GCRESTART, 0);
     CollectAndTrace("After initialization, Lua is using %d Kb");
 
     if (registerSLB) {
         InstallNativeErrorHandler();
-        SLB::Manager::defaultManager()->registerSLB(state);
+        SLB::Manager::defaultManager()->registerSLB(L);
     }
 
-    lua_pushlightuserdata(state, nullptr);
-    lua_pushcclosure(state, LuaPrint, 1);
-    printIndex = lua_gettop(state);
-    lua_pushvalue(state, printIndex);
-    lua_setglobal(state, "print");
+    lua_pushlightuserdata(L, nullptr);
+    lua_pushcclosure(L, LuaPrint, 1);
+    printIndex = lua_gettop(L);
+    lua_pushvalue(L, printIndex);
+    lua_setglobal(L, "print");
     CollectAndTrace("After print redefinition, Lua is using %d Kb");
 
     InstallHookIfVerbose();
 }
 
+void CLuaInterpreter::Close::operator()(lua_State* L) const {
+    lua_close(L);
+}
+
 CLuaInterpreter::~CLuaInterpreter() {
-    if (state == nullptr)
+    if (!state)
         return;
-    lua_settop(state, 0);
+    lua_settop(L(), 0);
     Collect();
     TraceMemory("Just before close, Lua is using %d Kb");
-    lua_close(state);
-    state = nullptr;
+    state.reset();
 }
 
 void CLuaInterpreter::TraceMemory(const char* stage) {
-    LogTrace(traceMaskUtf8.c_str(), stage, lua_gc(state, LUA_GCCOUNT, 0));
+    LogTrace(traceMaskUtf8.c_str(), stage, lua_gc(L(), LUA_GCCOUNT, 0));
 }
 
 namespace {
@@ -107,15 +111,15 @@ int FullCollection(lua_State* L) {
 // between chunks, so an end raised by a finalizer has no chunk to end: it is
 // consumed here, and an os.exit is as silent as anywhere else.
 void CLuaInterpreter::Collect() {
-    lua_pushcfunction(state, FullCollection);
-    const int status = lua_pcall(state, 0, 0, 0);
+    lua_pushcfunction(L(), FullCollection);
+    const int status = lua_pcall(L(), 0, 0, 0);
     const bool exited = chunkEnd->GetReason() == CLuaChunkEnd::Reason::Exit;
     if (status != LUA_OK) {
         size_t length = 0;
-        const char* message = lua_tolstring(state, -1, &length);
+        const char* message = lua_tolstring(L(), -1, &length);
         if (message != nullptr && !exited)
             wxLogError(wxS("CLuaInterpreter: %s"), FromUTF8Lenient(message, length));
-        lua_pop(state, 1);
+        lua_pop(L(), 1);
     }
     if (chunkEnd->GetReason() != CLuaChunkEnd::Reason::None)
         chunkEnd->Reset();
@@ -131,16 +135,16 @@ void CLuaInterpreter::CollectAndTrace(const char* stage) {
 void CLuaInterpreter::InstallHookIfVerbose() {
     if (!wxLog::IsAllowedTraceMask(traceMask))
         return;
-    lua_pushlightuserdata(state, &traceMask);
-    lua_setfield(state, LUA_REGISTRYINDEX, kMaskRegistryKey);
-    lua_sethook(state, LuaHook, LUA_MASKCALL | LUA_MASKRET | LUA_MASKLINE, 0);
+    lua_pushlightuserdata(L(), &traceMask);
+    lua_setfield(L(), LUA_REGISTRYINDEX, kMaskRegistryKey);
+    lua_sethook(L(), LuaHook, LUA_MASKCALL | LUA_MASKRET | LUA_MASKLINE, 0);
     TraceMemory("After sethook, Lua is using %d Kb");
 }
 
 void CLuaInterpreter::SetPrint(wxOutputStream* output) {
-    lua_pushlightuserdata(state, output);
-    lua_pushcclosure(state, LuaPrint, 1);
-    lua_setglobal(state, "print");
+    lua_pushlightuserdata(L(), output);
+    lua_pushcclosure(L(), LuaPrint, 1);
+    lua_setglobal(L(), "print");
 }
 
 int CLuaInterpreter::RunScript(const wxString& source, int nArgs, int nResults,
@@ -151,7 +155,7 @@ int CLuaInterpreter::RunScript(const wxString& source, int nArgs, int nResults,
 
 int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
                                const wxString& chunkName, wxOutputStream* output) {
-    const int top = lua_gettop(state);
+    const int top = lua_gettop(L());
     LogTrace(traceMaskUtf8.c_str(), "RunScript()");
     errorInfo.clear();
     errorValueText.clear();
@@ -166,19 +170,19 @@ int CLuaInterpreter::RunScript(wxInputStream& source, int nArgs, int nResults,
         source.Read(text);
         const wxStreamBuffer* bytes = text.GetOutputStreamBuffer();
         const std::string name = chunkName.utf8_string();
-        status = luaL_loadbufferx(state, static_cast<const char*>(bytes->GetBufferStart()),
+        status = luaL_loadbufferx(L(), static_cast<const char*>(bytes->GetBufferStart()),
                                   bytes->GetIntPosition(), name.c_str(), nullptr);
     }
     CollectAndTrace("After loadbuffer, Lua is using %d Kb");
     if (status != LUA_OK) {
-        const char* message = lua_tostring(state, -1);
+        const char* message = lua_tostring(L(), -1);
         if (message != nullptr) {
             wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d (%s)"), status,
                        FromUTF8Lenient(message, strlen(message)));
         } else {
             wxLogError(wxS("CLuaInterpreter: luaL_loadbuffer() returned %d"), status);
         }
-        lua_settop(state, top);
+        lua_settop(L(), top);
         return status;
     }
     return RunLoaded(top, nArgs, nResults, output);
@@ -188,7 +192,7 @@ int CLuaInterpreter::RunLoaded(int top, int nArgs, int nResults, wxOutputStream*
     SetPrint(output);
     CollectAndTrace("After print redefinition, Lua is using %d Kb");
 
-    int status = lua_pcallk(state, nArgs, nResults, tracebackIndex, 0, nullptr);
+    int status = lua_pcallk(L(), nArgs, nResults, tracebackIndex, 0, nullptr);
     TraceMemory("After pcall, Lua is using %d Kb");
 
     // A script can catch the end and return normally from C code; the
@@ -202,21 +206,21 @@ int CLuaInterpreter::RunLoaded(int top, int nArgs, int nResults, wxOutputStream*
     if (status != LUA_OK) {
         if (status != -1)
             KeepError(status, output);
-        lua_settop(state, top);
+        lua_settop(L(), top);
     }
-    lua_pushvalue(state, printIndex);
-    lua_setglobal(state, "print");
+    lua_pushvalue(L(), printIndex);
+    lua_setglobal(L(), "print");
     Collect();
     return status;
 }
 
 void CLuaInterpreter::KeepError(int status, wxOutputStream* output) {
-    if (!lua_isstring(state, -1)) {
+    if (!lua_isstring(L(), -1)) {
         DescribeErrorValue();
         return;
     }
     size_t length = 0;
-    const char* message = lua_tolstring(state, -1, &length);
+    const char* message = lua_tolstring(L(), -1, &length);
     errorInfo = FromUTF8Lenient(message, length);
     if (output == nullptr)
         wxLogError(wxS("%s"), errorInfo);
@@ -237,37 +241,37 @@ int ErrorValueText(lua_State* L) {
 // The value on top is left where it is. __tostring is the script's code, so
 // it runs protected; an error it raises is shown in its place.
 void CLuaInterpreter::DescribeErrorValue() {
-    lua_pushcfunction(state, ErrorValueText);
-    lua_pushvalue(state, -2);
-    lua_pcall(state, 1, 1, 0);
+    lua_pushcfunction(L(), ErrorValueText);
+    lua_pushvalue(L(), -2);
+    lua_pcall(L(), 1, 1, 0);
     size_t length = 0;
-    const char* text = lua_tolstring(state, -1, &length);
+    const char* text = lua_tolstring(L(), -1, &length);
     errorValueText = text != nullptr ? FromUTF8Lenient(text, length)
                                      : wxString(wxS("(error object is not a string)"));
-    lua_pop(state, 1);
+    lua_pop(L(), 1);
 }
 
 void CLuaInterpreter::SetPackagePaths(const std::string& binPath, const std::string& luaPath,
                                       const std::string& cPath, const std::string& zipPath) {
     const std::string module = "?" + wxDynamicLibrary::GetDllExt().utf8_string();
-    lua_getglobal(state, "package");  // +1
+    lua_getglobal(L(), "package");  // +1
     if (!zipPath.empty()) {
-        lua_pushlstring(state, zipPath.data(), zipPath.size());
-        lua_setfield(state, -2, "zippath");
+        lua_pushlstring(L(), zipPath.data(), zipPath.size());
+        lua_setfield(L(), -2, "zippath");
         // One more searcher at each call, on purpose: each keeps its own list.
-        RegisterZipLoader(state);
+        RegisterZipLoader(L());
     }
     std::string path = luaPath.empty() ? std::string() : luaPath + ";";
     path += binPath + "/lua/?.lua;" + binPath + "/lua/?/init.lua";
-    lua_pushlstring(state, path.data(), path.size());
-    lua_setfield(state, -2, "path");
+    lua_pushlstring(L(), path.data(), path.size());
+    lua_setfield(L(), -2, "path");
 
     std::string cpath = cPath.empty() ? std::string() : cPath + ";";
     cpath += binPath + "/lib/" + module + ";" + binPath + "/../lib/" + module + ";" + binPath +
              "/" + module;
-    lua_pushlstring(state, cpath.data(), cpath.size());
-    lua_setfield(state, -2, "cpath");
-    lua_pop(state, 1);
+    lua_pushlstring(L(), cpath.data(), cpath.size());
+    lua_setfield(L(), -2, "cpath");
+    lua_pop(L(), 1);
 }
 
 // An error value that is no text (nil, a table, the end of a chunk) passes

@@ -38,7 +38,7 @@ class VESK_EXPORT CLuaInterpreter {
     CLuaInterpreter(const CLuaInterpreter&) = delete;
     CLuaInterpreter& operator=(const CLuaInterpreter&) = delete;
 
-    lua_State* L() const { return state; }
+    lua_State* L() const { return state.get(); }
     // Whether the state was made without debug, io and os.
     bool IsSandboxed() const { return sandboxed; }
 
@@ -91,7 +91,12 @@ class VESK_EXPORT CLuaInterpreter {
     wxString errorInfo;
     wxString errorValueText;
     int exitStatus = 0;
-    lua_State* state = nullptr;
+    // Closed by its holder, so that a constructor that throws half-way
+    // leaves no state behind.
+    struct Close {
+        void operator()(lua_State* L) const;
+    };
+    std::unique_ptr<lua_State, Close> state;
     int printIndex = 0;
     wxString traceMask;
     std::string traceMaskUtf8;  // the mask as LogTrace takes it, made once

@@ -110,16 +110,16 @@ AppPrivateData* CApp::Data() const {
 
 std::string CApp::Get(const std::string& name) const {
     std::string value;
-    Data()->Get(name.c_str(), AppPrivateData::kString, &value, nullptr);
+    Data()->Settings().Get(name.c_str(), SettingsStore::kString, &value, nullptr);
     return value;
 }
 
 bool CApp::Get(const std::string& name, long long& value) const {
-    return Data()->Get(name.c_str(), AppPrivateData::kInteger, &value, nullptr);
+    return Data()->Settings().Get(name.c_str(), SettingsStore::kInteger, &value, nullptr);
 }
 
 bool CApp::Get(const std::string& name, bool& value) const {
-    return Data()->Get(name.c_str(), AppPrivateData::kBoolean, &value, nullptr);
+    return Data()->Settings().Get(name.c_str(), SettingsStore::kBoolean, &value, nullptr);
 }
 
 wxString CApp::GetWxString(const wxString& name) const {
@@ -127,14 +127,14 @@ wxString CApp::GetWxString(const wxString& name) const {
 }
 
 bool CApp::Set(const std::string& name, const std::string& value) {
-    Data()->Set(name.c_str(), AppPrivateData::kString,
-                reinterpret_cast<unsigned long>(value.data()), value.size());
+    Data()->Settings().Set(name.c_str(), SettingsStore::kString,
+                           reinterpret_cast<unsigned long>(value.data()), value.size());
     return true;
 }
 
 bool CApp::SetWxString(const wxString& name, long long value) {
-    Data()->Set(name.utf8_string().c_str(), AppPrivateData::kInteger,
-                static_cast<unsigned long>(value), 8);
+    Data()->Settings().Set(name.utf8_string().c_str(), SettingsStore::kInteger,
+                           static_cast<unsigned long>(value), 8);
     return true;
 }
 
@@ -143,28 +143,28 @@ bool CApp::SetWxString(const wxString& name, const wxString& value) {
 }
 
 std::string CApp::GetSettings() const {
-    return Data()->GetSettings();
+    return Data()->Settings().GetSettings();
 }
 
 std::string CApp::ConfigGet(const std::string& name) const {
-    return Data()->ConfigGet(name, false);
+    return Data()->Settings().ConfigGet(name, false);
 }
 
 wxString CApp::ConfigGetXml(const std::string& name) const {
-    return wxString::FromUTF8(Data()->ConfigGet(name, true));
+    return wxString::FromUTF8(Data()->Settings().ConfigGet(name, true));
 }
 
 bool CApp::ConfigSet(const std::string& xml) {
-    return Data()->ConfigSet(xml);
+    return Data()->Settings().ConfigSet(xml);
 }
 
 int CApp::Get(lua_State* L) {
-    CheckedApp(L)->Data()->Get(L, 2);
+    CheckedApp(L)->Data()->Settings().Get(L, 2);
     return 1;
 }
 
 int CApp::Set(lua_State* L) {
-    CheckedApp(L)->Data()->Set(L, 2, 3);
+    CheckedApp(L)->Data()->Settings().Set(L, 2, 3);
     return 0;
 }
 
@@ -185,19 +185,19 @@ std::vector<wxString> CApp::RunningServices() const {
 }
 
 wxUint32 CApp::ThreadRegister(CRunnable* thread) {
-    return Data()->ThreadRegister(thread);
+    return Data()->Threads().Register(thread);
 }
 
 CRunnable* CApp::ThreadUnRegister(wxUint32 handle) {
-    return Data()->ThreadUnRegister(handle);
+    return Data()->Threads().UnRegister(handle);
 }
 
 CRunnable* CApp::ThreadGet(unsigned int handle) {
-    return Data()->ThreadGet(handle);
+    return Data()->Threads().Get(handle);
 }
 
 void CApp::ThreadGetAll(MapUint32ToPointer& out) const {
-    Data()->ThreadGetAll(out);
+    Data()->Threads().GetAll(out);
 }
 
 void CApp::InitiateShutdown() {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <lua.hpp>
 #include <stdexcept>
+#include <vector>
 
 #include "core/common/SystemUtil.h"
 #include "core/lua/LuaInterpreter.h"
@@ -144,15 +145,15 @@ int CLuaThread::SetAwakenEvents(lua_State* L) {
     const size_t count = lua_rawlen(L, 2);
     if (count == 0)
         return 0;
-    auto* events = static_cast<unsigned long*>(calloc(count, sizeof(unsigned long)));
-    if (events == nullptr)
-        return 0;
+    // Read in full before anything that a raise could leak exists.
+    std::vector<int> events;
+    events.reserve(count);
     for (size_t i = 0; i < count; ++i) {
         lua_rawgeti(L, 2, static_cast<int>(i + 1));  // +1
-        events[i] = static_cast<unsigned long>(lua_tointegerx(L, -1, nullptr));
+        events.push_back(static_cast<int>(lua_tointegerx(L, -1, nullptr)));
         lua_pop(L, 1);
     }
-    runnable->SetAwakenEvents(events, count);  // takes ownership
+    runnable->SetAwakenEvents(std::move(events));
     return 0;
 }
 

@@ -57,10 +57,7 @@ CRunnable::CRunnable(bool interruptible, int idealProcessor, bool detached)
       interruptible(interruptible),
       idealProcessor(idealProcessor) {}
 
-CRunnable::~CRunnable() {
-    delete interpreter;
-    free(awakenEvents);
-}
+CRunnable::~CRunnable() = default;
 
 // wx's results are looked at where ignoring them costs memory safety: Run
 // makes the system thread by itself when Create was not asked for, so only
@@ -109,10 +106,9 @@ void CRunnable::Awaken() {
     }
     awakenCondition.Signal();
     wxMutexLocker lock(eventsMutex);
-    if (awakenEvents != nullptr && awakenEventCount != 0) {
+    if (!awakenEvents.empty()) {
         const uint64_t one = 1;
-        const ssize_t ignored =
-            write(static_cast<int>(awakenEvents[awakenEventCount - 1]), &one, sizeof one);
+        const ssize_t ignored = write(awakenEvents.back(), &one, sizeof one);
         static_cast<void>(ignored);
     }
 }
@@ -156,10 +152,16 @@ bool CRunnable::TestDestroy(unsigned int msecToWait) {
 }
 
 void CRunnable::SetAwakenEvents(unsigned long* events, unsigned long count) {
+    std::vector<int> taken(count);
+    for (unsigned long i = 0; i < count; ++i)
+        taken[i] = static_cast<int>(events[i]);
+    free(events);
+    SetAwakenEvents(std::move(taken));
+}
+
+void CRunnable::SetAwakenEvents(std::vector<int> events) {
     wxMutexLocker lock(eventsMutex);
-    free(awakenEvents);
-    awakenEvents = events;
-    awakenEventCount = count;
+    awakenEvents = std::move(events);
 }
 
 unsigned int CRunnable::CheckCPULimit() {
@@ -209,9 +211,8 @@ void CRunnable::UnRegister(CApp* app) {
 }
 
 void CRunnable::InitLua(const char* traceMask) {
-    delete interpreter;
-    interpreter = nullptr;
-    interpreter = new CLuaInterpreter(false, traceMask, true);
+    interpreter.reset();
+    interpreter = std::make_unique<CLuaInterpreter>(false, traceMask, true);
     lua_State* const state = interpreter->L();
     lua_pushlightuserdata(state, this);
     lua_setfield(state, LUA_REGISTRYINDEX, kRegistryKey);
@@ -250,8 +251,7 @@ wxThread::ExitCode CRunnable::Entry() {
     wxLog* const previous = wxLog::SetThreadActiveTarget(wxLog::GetActiveTarget());
     const ExitCode code = RunReporting();
     // Closed here, on this thread, while its log lines still reach the host.
-    delete interpreter;
-    interpreter = nullptr;
+    interpreter.reset();
     ERR_remove_state(0);
     wxLog::SetThreadActiveTarget(previous);
     return code;
@@ -283,8 +283,7 @@ wxThread::ExitCode CRunnable::RunReporting() {
 
 void CRunnable::OnExit() {
     running = false;
-    delete interpreter;
-    interpreter = nullptr;
+    interpreter.reset();
 }
 
 }  // namespace VeskCore

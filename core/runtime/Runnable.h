@@ -16,6 +16,8 @@
 #include <wx/thread.h>
 
 #include <atomic>
+#include <memory>
+#include <vector>
 
 #include "core/common/Export.h"
 
@@ -68,7 +70,9 @@ class VESK_EXPORT CRunnable : public wxThread {
 
     virtual const char* GetThreadName() const = 0;
 
-    // Takes ownership of `events` (from malloc/calloc), freeing the old array.
+    // The descriptors Awaken writes to the last of; replaces the old list.
+    void SetAwakenEvents(std::vector<int> events);
+    // The same from a malloc/calloc array, which it takes and frees.
     void SetAwakenEvents(unsigned long* events, unsigned long count);
 
     void SetCPULimit(unsigned int percent) { cpuLimit.store(percent, std::memory_order_relaxed); }
@@ -85,7 +89,7 @@ class VESK_EXPORT CRunnable : public wxThread {
     // Replaces the thread's interpreter by a new one (unsandboxed, with the
     // binder) whose state leads back to this object (FromLua).
     void InitLua(const char* traceMask);
-    CLuaInterpreter* Lua() const { return interpreter; }
+    CLuaInterpreter* Lua() const { return interpreter.get(); }
     lua_State* L() const;
 
     // The calling thread, or null when it is no CRunnable.
@@ -117,8 +121,7 @@ class VESK_EXPORT CRunnable : public wxThread {
     int idealProcessor;
     // The array may be replaced while another thread awakens this one.
     wxMutex eventsMutex;
-    unsigned long* awakenEvents = nullptr;
-    unsigned long awakenEventCount = 0;
+    std::vector<int> awakenEvents;
     wxMutex awakenMutex;
     wxCondition awakenCondition{awakenMutex};
     bool awakened = false;  // guarded by awakenMutex
@@ -130,7 +133,7 @@ class VESK_EXPORT CRunnable : public wxThread {
     Shared<unsigned int> cpuLimit{0};
     Shared<long long> startTimeMs{-1};  // wall clock at Entry; -1 before
     wxUint32 handle = 0;
-    CLuaInterpreter* interpreter = nullptr;
+    std::unique_ptr<CLuaInterpreter> interpreter;
     // Set once the system thread runs, so that exactly a running thread is
     // joined. Written by start, which the owner calls before any join.
     bool created = false;

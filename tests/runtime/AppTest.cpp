@@ -45,12 +45,13 @@ TEST_F(AppSettings, ValuesKeepTheTypeTheyWereStoredWith) {
     EXPECT_EQ(app.Get("city"), "Z\xC3\xBCrich");
     EXPECT_TRUE(app.Get("missing", flag) && !flag && app.Get("missing", number) && number == 0);
 
-    Data().Set("flag", AppPrivateData::kBoolean, 7, 1);
+    Data().Settings().Set("flag", SettingsStore::kBoolean, 7, 1);
     EXPECT_TRUE(app.Get("flag", flag) && flag);
-    Data().Set("ptr", AppPrivateData::kLightUserdata, reinterpret_cast<unsigned long>(&flag), 8);
+    Data().Settings().Set("ptr", SettingsStore::kLightUserdata,
+                          reinterpret_cast<unsigned long>(&flag), 8);
     EXPECT_EQ(app.Get("ptr"), "");
-    EXPECT_FALSE(Data().Get("ptr", AppPrivateData::kLightUserdata, &number, nullptr));
-    Data().Set("name", 42, 0, 0);  // an unknown code deletes
+    EXPECT_FALSE(Data().Settings().Get("ptr", SettingsStore::kLightUserdata, &number, nullptr));
+    Data().Settings().Set("name", 42, 0, 0);  // an unknown code deletes
     EXPECT_EQ(app.Get("name"), "");
 
     EXPECT_EQ(CApp().Get("count"), "");  // another application
