@@ -166,7 +166,17 @@ void CHTTPServer::ReportHandshakeFailure(BIO* ssl, int result, int savedErrno,
     SSL* session = nullptr;
     BIO_get_ssl(ssl, &session);
     const int error = session != nullptr ? SSL_get_error(session, result) : SSL_ERROR_SSL;
-    if (error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0) {
+    // OpenSSL 3 reports a peer gone mid-handshake as a clean close (with
+    // SSL_OP_IGNORE_UNEXPECTED_EOF) or as "unexpected eof while reading":
+    // both are the peer closing, as an empty SYSCALL error was before.
+    const bool peerEof = error == SSL_ERROR_ZERO_RETURN ||
+                         (error == SSL_ERROR_SSL &&
+                          ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING);
+    if (peerEof) {
+        ERR_clear_error();
+        result = 0;
+    }
+    if (peerEof || (error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0)) {
         if (result != 0) {
             wxLogError(wxS("CHTTPServer::AcceptSSL(%s) - BIO_do_handshake() failed, %.128s"),
                        peerText, ErrnoToString(savedErrno));
