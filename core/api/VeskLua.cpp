@@ -5,6 +5,7 @@
 #include "core/api/AppLua.h"
 #include "core/api/CredLua.h"
 #include "core/api/FileLua.h"
+#include "core/api/HmdLua.h"
 #include "core/api/HttpLua.h"
 #include "core/api/LuaStreamLua.h"
 #include "core/api/NetLua.h"
@@ -26,6 +27,7 @@ bool VeskLua_Init() {
     VeskCore::AppLua_Init(manager);
     VeskCore::CredLua_Init(manager);
     VeskCore::FileLua_Init(manager);
+    VeskCore::HmdLua_Init(manager);
     VeskCore::HttpLua_Init(manager);
     VeskCore::LuaStream_Init(manager);
     VeskCore::NetLua_Init(manager);

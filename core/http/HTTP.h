@@ -33,13 +33,12 @@
 #include <string>
 
 #include "core/common/Export.h"
+#include "core/common/Maps.h"
 
 namespace VeskCore {
 
 class CBioOutputStream;
 class CSSLContext;
-
-WX_DECLARE_STRING_HASH_MAP(wxString, MapStringToString);
 
 class VESK_EXPORT CHTTP {
   public:

@@ -1,8 +1,10 @@
 -- vesk.demo.Heartbeat: the agent at work. At each beat it builds a report of
--- this host (library version, platform, network interfaces, CPU time, uptime)
--- and posts it over HTTPS to the manager, compressed, on one kept-alive
--- connection. It counts its starts in the persistent configuration, and beats
--- until the agent asks it to stop.
+-- this host (library version, platform, network interfaces, listening ports
+-- with their owners, CPU time, uptime) and posts it over HTTPS to the
+-- manager, compressed, on one kept-alive connection. The ports come with the
+-- hash of their list, so that the manager sees a port open or close without
+-- comparing lists. It counts its starts in the persistent configuration, and
+-- beats until the agent asks it to stop.
 --
 -- The manager is trusted on first contact: the fingerprint of its certificate
 -- is kept in the configuration ("manager.fingerprint"), and a manager that
@@ -14,7 +16,7 @@
 -- "demo.manager.url" (default https://[::1]:48443/agent/report) and
 -- "demo.manager.certificate".
 local vesk = require "vesk_core"
-local http, net, ssl, wx = SLB.http, SLB.net, SLB.ssl, SLB.wx
+local hmd, http, net, ssl, wx = SLB.hmd, SLB.http, SLB.net, SLB.ssl, SLB.wx
 
 local Heartbeat = {}
 Heartbeat.__index = Heartbeat
@@ -53,12 +55,16 @@ end
 
 function Heartbeat:report()
   local interfaces = net.GetPlatformInterfaces(true) or { tag = "Interfaces" }
+  -- Every TCP listener and UDP endpoint with its process and user; the
+  -- result's "hash" attribute changes when any of them does.
+  local _, ports = hmd.GetListenPorts("detailed")
   return table.concat({
     '<?xml version="1.0" encoding="UTF-8"?>',
     ('<AgentReport version="%s" platform="%s" beat="%d" uptimeMs="%d" cpuSeconds="%.3f">'):format(
       escape(vesk.version), escape(vesk.platform), self.beats, vesk.SystemTickDiff(self.started),
       os.clock()),
     element(interfaces, "\t"),
+    element(ports, "\t"),
     "</AgentReport>",
   }, "\n")
 end
