@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <wx/filefn.h>
 #include <wx/filename.h>
 #include <wx/wfstream.h>
 
@@ -13,6 +14,8 @@
 #include <exception>
 #include <lua.hpp>
 #include <map>
+#include <memory>
+#include <new>
 #include <sstream>
 
 #include "agent/AgentOptions.h"
@@ -41,6 +44,28 @@ std::string ExecutableDirectory() {
 std::string DirectoryOf(const std::string& file) {
     const wxString dir = wxFileName(wxString::FromUTF8(file)).GetPath();
     return dir.empty() ? "." : dir.utf8_string();
+}
+
+// Installed with the system (in /usr/bin), the agent has no lua/ or lib/
+// beside it: its modules are in the Lua 5.2 directories it was built for.
+// Those come last; the templates of the agent's directory are named before
+// them because the interpreter puts the given paths ahead of its own.
+std::string InstalledLuaPath(const std::string& binPath) {
+    if (!wxDirExists(wxString::FromUTF8(VESK_LUA_DATA_DIR)))
+        return {};
+    return binPath + "/lua/?.lua;" + binPath +
+           "/lua/?/init.lua;" VESK_LUA_DATA_DIR "/?.lua;" VESK_LUA_DATA_DIR "/?/init.lua";
+}
+
+std::string InstalledLuaCPath(const std::string& binPath) {
+    if (!wxDirExists(wxString::FromUTF8(VESK_LUA_CDATA_DIR)))
+        return {};
+    return binPath + "/lib/?.so;" + binPath + "/../lib/?.so;" + binPath +
+           "/?.so;" VESK_LUA_CDATA_DIR "/?.so";
+}
+
+std::string JoinedPath(const std::string& first, const std::string& second) {
+    return first.empty() || second.empty() ? first + second : first + ";" + second;
 }
 
 bool IsReadableFile(const std::string& path, std::string& problem) {
@@ -75,10 +100,10 @@ int RunScriptFile(const CAgentOptions& options) {
     }
     VeskCore::CLuaInterpreter lua(false, "Main.verbose", true);
     // Modules beside the script come first, as a user running it would expect.
-    std::string luaPath = DirectoryOf(options.script) + "/?.lua";
-    if (!options.luaPath.empty())
-        luaPath = options.luaPath + ";" + luaPath;
-    lua.SetPackagePaths(options.binPath, luaPath, options.luaCPath, options.zipPath);
+    std::string luaPath = JoinedPath(options.luaPath, DirectoryOf(options.script) + "/?.lua");
+    luaPath = JoinedPath(luaPath, InstalledLuaPath(options.binPath));
+    const std::string cpath = JoinedPath(options.luaCPath, InstalledLuaCPath(options.binPath));
+    lua.SetPackagePaths(options.binPath, luaPath, cpath, options.zipPath);
     wxFFileOutputStream output(stdout);
     const int status =
         lua.RunScript(source, 0, 0, wxString::FromUTF8("@" + options.script), &output);
@@ -95,7 +120,10 @@ int RunScriptFile(const CAgentOptions& options) {
 // The fields of the module table itself, as `require "vesk_core"` gives it:
 // read from a real open, so that the reference follows the library.
 void WriteModuleTable(std::ostream& out) {
-    lua_State* L = luaL_newstate();
+    const std::unique_ptr<lua_State, decltype(&lua_close)> state(luaL_newstate(), &lua_close);
+    lua_State* const L = state.get();
+    if (L == nullptr)
+        throw std::bad_alloc();
     luaL_openlibs(L);
     luaL_requiref(L, "vesk_core", luaopen_vesk_core, 0);  // +1
     std::map<std::string, std::string> fields;
@@ -109,7 +137,6 @@ void WriteModuleTable(std::ostream& out) {
         }
         lua_pop(L, 1);
     }
-    lua_close(L);
     out << "\n## Module table — `require \"vesk_core\"`\n\n"
         << "Its own fields; every other name resolves in `SLB`.\n\n";
     for (const auto& field : fields)
@@ -128,8 +155,12 @@ int Run(const CAgentOptions& options) {
     switch (options.mode) {
         case CAgentOptions::Mode::ApiDoc:
             return WriteApiReference();
-        case CAgentOptions::Mode::Serve:
-            return CServiceHost(options).Run();
+        case CAgentOptions::Mode::Serve: {
+            CAgentOptions serve = options;
+            serve.luaPath = JoinedPath(options.luaPath, InstalledLuaPath(options.binPath));
+            serve.luaCPath = JoinedPath(options.luaCPath, InstalledLuaCPath(options.binPath));
+            return CServiceHost(serve).Run();
+        }
         default:
             if (!options.traceMasks.empty())
                 VeskCore::TraceMasksSet(options.traceMasks);
