@@ -2,18 +2,14 @@
 #pragma once
 
 #include "core/xml/IP.h"
-#include "core/xml/XMLObjectList.h"
+#include "core/xml/RecordList.h"
 
 namespace VeskCore {
 
-class VESK_EXPORT CIPs : public XMLObjectList {
+class VESK_EXPORT CIPs : public RecordList<CIP> {
   public:
-    CIPs() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS("IPs"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CIP::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CIP; }
 };
 
 }  // namespace VeskCore

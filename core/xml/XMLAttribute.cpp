@@ -3,9 +3,9 @@
 #include <wx/arrstr.h>
 #include <wx/log.h>
 
-#include <cstring>
-
+#include "core/common/Overloaded.h"
 #include "core/common/SecureString.h"
+#include "core/xml/XMLText.h"
 
 namespace VeskCore {
 
@@ -85,41 +85,39 @@ XMLAttribute::XMLAttribute(wxArrayString* value, const char* separator) {
 void XMLAttribute::SetToDefault() {
     m_wasParsed = false;
     m_isNull = true;
-    switch (m_type) {
-        case PT_BINARY:
-            static_cast<wxMemoryBuffer*>(m_value)->SetDataLen(0);
-            break;
-        case PT_BOOL:
-            *static_cast<bool*>(m_value) = m_hasDefault && m_default.flag;
-            break;
-        case PT_INT:
-            *static_cast<int*>(m_value) = m_hasDefault ? m_default.integer : 0;
-            break;
-        case PT_INT64:
-            *static_cast<long long*>(m_value) = m_hasDefault ? m_default.integer64 : 0;
-            break;
-        case PT_STRING: {
-            auto* text = static_cast<wxString*>(m_value);
-            text->clear();
-            if (m_hasDefault && m_default.text != nullptr)
-                *text += wxString::FromUTF8(m_default.text);
-            break;
-        }
-        case PT_SECURE_STRING: {
-            auto* secret = static_cast<wxSecureString*>(m_value);
-            if (m_default.text == nullptr)
-                secret->Scrub();
-            else
-                secret->assign(m_default.text);
-            break;
-        }
-        case PT_STRING_ARRAY:
-            static_cast<wxArrayString*>(m_value)->Clear();
-            break;
-        default:
-            wxLogError(wxS("XMLAttribute::SetToDefault() - unknown type '%d'"),
-                       static_cast<int>(m_type));
-    }
+    Visit(Overloaded{[](wxMemoryBuffer& buffer) { buffer.SetDataLen(0); },
+                     [this](bool& flag) { flag = m_hasDefault && m_default.flag; },
+                     [this](int& number) { number = m_hasDefault ? m_default.integer : 0; },
+                     [this](long long& number) { number = m_hasDefault ? m_default.integer64 : 0; },
+                     [this](wxString& text) {
+                         text.clear();
+                         if (m_hasDefault && m_default.text != nullptr)
+                             text += wxString::FromUTF8(m_default.text);
+                     },
+                     [this](wxSecureString& secret) {
+                         if (m_default.text == nullptr)
+                             secret.Scrub();
+                         else
+                             secret.assign(m_default.text);
+                     },
+                     [](wxArrayString& values) { values.Clear(); },
+                     [](UnknownAttributeType unknown) {
+                         wxLogError(wxS("XMLAttribute::SetToDefault() - unknown type '%d'"),
+                                    unknown.code);
+                     }});
+}
+
+bool XMLAttribute::HoldsDefault() const {
+    if (!m_hasDefault)
+        return false;
+    return Visit(
+        Overloaded{[this](const bool& flag) { return flag == m_default.flag; },
+                   [this](const int& number) { return number == m_default.integer; },
+                   [this](const long long& number) { return number == m_default.integer64; },
+                   [this](const wxString& text) {
+                       return m_default.text != nullptr && EqualsUTF8(text, m_default.text);
+                   },
+                   [](const auto&) { return false; }});
 }
 
 }  // namespace VeskCore

@@ -7,8 +7,11 @@
 // separator.
 #pragma once
 
+#include <wx/arrstr.h>
 #include <wx/buffer.h>
 #include <wx/string.h>
+
+#include <type_traits>
 
 #include "core/common/Export.h"
 
@@ -25,6 +28,12 @@ enum _PrimitiveType {
     PT_STRING = 4,         // wxString
     PT_SECURE_STRING = 5,  // wxSecureString
     PT_STRING_ARRAY = 6,   // wxArrayString
+};
+
+// What a visitor gets for a type code none of the above: a table filled in
+// by hand can hold any number.
+struct UnknownAttributeType {
+    int code;
 };
 
 class VESK_EXPORT XMLAttribute {
@@ -45,6 +54,23 @@ class VESK_EXPORT XMLAttribute {
     // attribute counts as null and not parsed.
     void SetToDefault();
 
+    // Whether the attribute has a default and the member holds it. Only the
+    // scalar and text types have defaults to compare with.
+    bool HoldsDefault() const;
+
+    // Calls `visitor` once, with the member as the type its code names (a
+    // const reference when the attribute is const), or with an
+    // UnknownAttributeType. This is the only place where a code becomes a
+    // type; every branch must give the result of the unknown case's call.
+    template <class Visitor>
+    auto Visit(Visitor&& visitor) {
+        return Dispatch(*this, visitor);
+    }
+    template <class Visitor>
+    auto Visit(Visitor&& visitor) const {
+        return Dispatch(*this, visitor);
+    }
+
     _PrimitiveType m_type;
     void* m_value;
     union {
@@ -60,6 +86,31 @@ class VESK_EXPORT XMLAttribute {
 
   private:
     void Init();
+
+    template <class Self, class T>
+    using Member = std::conditional_t<std::is_const_v<Self>, const T, T>;
+
+    template <class Self, class Visitor>
+    static auto Dispatch(Self& self, Visitor& visitor)
+        -> decltype(visitor(UnknownAttributeType{0})) {
+        switch (self.m_type) {
+            case PT_BINARY:
+                return visitor(*static_cast<Member<Self, wxMemoryBuffer>*>(self.m_value));
+            case PT_BOOL:
+                return visitor(*static_cast<Member<Self, bool>*>(self.m_value));
+            case PT_INT:
+                return visitor(*static_cast<Member<Self, int>*>(self.m_value));
+            case PT_INT64:
+                return visitor(*static_cast<Member<Self, long long>*>(self.m_value));
+            case PT_STRING:
+                return visitor(*static_cast<Member<Self, wxString>*>(self.m_value));
+            case PT_SECURE_STRING:
+                return visitor(*static_cast<Member<Self, wxSecureString>*>(self.m_value));
+            case PT_STRING_ARRAY:
+                return visitor(*static_cast<Member<Self, wxArrayString>*>(self.m_value));
+        }
+        return visitor(UnknownAttributeType{static_cast<int>(self.m_type)});
+    }
 };
 
 }  // namespace VeskCore

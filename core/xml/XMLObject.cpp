@@ -7,6 +7,7 @@
 
 #include <wx/listimpl.cpp>
 
+#include "core/common/Overloaded.h"
 #include "core/runtime/LogTrace.h"
 #include "core/xml/XMLMemory.h"
 #include "core/xml/XMLText.h"
@@ -172,34 +173,14 @@ bool XMLObject::SetAttribute(const wxString& name, const wxString& value) {
         OnUnhandledAttribute(name, value);
         return true;  // unknown attributes never fail a parse
     }
-    bool parsed = false;
-    switch (attribute->m_type) {
-        case PT_BINARY:
-            parsed = Parse(value, *static_cast<wxMemoryBuffer*>(attribute->m_value));
-            break;
-        case PT_BOOL:
-            parsed = Parse(value, *static_cast<bool*>(attribute->m_value));
-            break;
-        case PT_INT:
-            parsed = Parse(value, *static_cast<int*>(attribute->m_value));
-            break;
-        case PT_INT64:
-            parsed = Parse(value, *static_cast<long long*>(attribute->m_value));
-            break;
-        case PT_STRING:
-            parsed = Parse(value, *static_cast<wxString*>(attribute->m_value));
-            break;
-        case PT_SECURE_STRING:
-            parsed = Parse(value, *static_cast<wxSecureString*>(attribute->m_value));
-            break;
-        case PT_STRING_ARRAY:
-            parsed = Parse(value, *static_cast<wxArrayString*>(attribute->m_value),
-                           attribute->m_default.text);
-            break;
-        default:
+    const bool parsed = attribute->Visit(Overloaded{
+        [&](wxArrayString& values) { return Parse(value, values, attribute->m_default.text); },
+        [&](UnknownAttributeType unknown) {
             wxLogError(wxS("XMLObject::SetAttribute() - unknown type '%d' for attribute '%.64s'"),
-                       static_cast<int>(attribute->m_type), name);
-    }
+                       unknown.code, name);
+            return false;
+        },
+        [&](auto& member) { return Parse(value, member); }});
     // A failed value may leave a partial result in the member; nothing undoes it.
     attribute->m_wasParsed = parsed;
     attribute->m_isNull = !parsed;

@@ -10,6 +10,7 @@
 #include <lua.hpp>
 #include <string>
 
+#include "core/common/Overloaded.h"
 #include "core/common/SecureString.h"
 #include "core/common/Utf8.h"
 #include "core/xml/XMLObject.h"
@@ -81,78 +82,42 @@ void PushSecret(lua_State* L, const wxSecureString& secret) {
         lua_error(L);
 }
 
-bool EqualsDefault(const XMLAttribute& attribute) {
-    if (!attribute.m_hasDefault)
-        return false;
-    switch (attribute.m_type) {
-        case PT_BOOL:
-            return *static_cast<const bool*>(attribute.m_value) == attribute.m_default.flag;
-        case PT_INT:
-            return *static_cast<const int*>(attribute.m_value) == attribute.m_default.integer;
-        case PT_INT64:
-            return *static_cast<const long long*>(attribute.m_value) ==
-                   attribute.m_default.integer64;
-        case PT_STRING:
-            return attribute.m_default.text != nullptr &&
-                   EqualsUTF8(*static_cast<const wxString*>(attribute.m_value),
-                              attribute.m_default.text);
-        default:
-            return false;
-    }
-}
-
 // Pushes the attribute's value (+1), or nothing when it is left out.
 void PushValue(lua_State* L, const wxString& name, const XMLAttribute& attribute,
                const XMLObject& record) {
-    if (EqualsDefault(attribute))
+    if (attribute.HoldsDefault())
         return;
-    switch (attribute.m_type) {
-        case PT_BINARY: {
-            const auto* buffer = static_cast<const wxMemoryBuffer*>(attribute.m_value);
-            if (buffer->GetDataLen() != 0)
-                lua_pushlstring(L, static_cast<const char*>(buffer->GetData()),
-                                buffer->GetDataLen());
-            break;
-        }
-        case PT_BOOL:
-            lua_pushboolean(L, *static_cast<const bool*>(attribute.m_value) ? 1 : 0);
-            break;
-        case PT_INT:
-            lua_pushinteger(L, *static_cast<const int*>(attribute.m_value));
-            break;
-        case PT_INT64:
-            // Through a Lua number: large values lose digits, as scripts expect.
-            lua_pushnumber(
-                L, static_cast<lua_Number>(*static_cast<const long long*>(attribute.m_value)));
-            break;
-        case PT_STRING:
-            PushText(L, *static_cast<const wxString*>(attribute.m_value));
-            break;
-        case PT_SECURE_STRING: {
-            const auto* secret = static_cast<const wxSecureString*>(attribute.m_value);
-            if (secret->length() != 0)
-                PushSecret(L, *secret);
-            break;
-        }
-        case PT_STRING_ARRAY: {
-            const auto* values = static_cast<const wxArrayString*>(attribute.m_value);
-            if (values->size() == 1 && !(*values)[0].empty()) {
-                PushText(L, (*values)[0]);
-            } else if (values->size() > 1) {
+    attribute.Visit(Overloaded{
+        [L](const wxMemoryBuffer& buffer) {
+            if (buffer.GetDataLen() != 0)
+                lua_pushlstring(L, static_cast<const char*>(buffer.GetData()), buffer.GetDataLen());
+        },
+        [L](const bool& flag) { lua_pushboolean(L, flag ? 1 : 0); },
+        [L](const int& number) { lua_pushinteger(L, number); },
+        // Through a Lua number: large values lose digits, as scripts expect.
+        [L](const long long& number) { lua_pushnumber(L, static_cast<lua_Number>(number)); },
+        [L](const wxString& text) { PushText(L, text); },
+        [L](const wxSecureString& secret) {
+            if (secret.length() != 0)
+                PushSecret(L, secret);
+        },
+        [L](const wxArrayString& values) {
+            if (values.size() == 1 && !values[0].empty()) {
+                PushText(L, values[0]);
+            } else if (values.size() > 1) {
                 // Becomes its tostring text below: the entries don't reach Lua.
-                lua_createtable(L, static_cast<int>(values->size()), 0);
-                for (size_t i = 0; i < values->size(); ++i) {
-                    PushText(L, (*values)[i]);
+                lua_createtable(L, static_cast<int>(values.size()), 0);
+                for (size_t i = 0; i < values.size(); ++i) {
+                    PushText(L, values[i]);
                     lua_rawseti(L, -2, static_cast<int>(i));
                 }
             }
-            break;
-        }
-        default:
+        },
+        [&](UnknownAttributeType) {
             wxLogWarning(wxS("Unhandled XMLObject attribute type for attribute '%s' of element "
                              "<%s>"),
                          name, record.GetElementName());
-    }
+        }});
 }
 
 }  // namespace

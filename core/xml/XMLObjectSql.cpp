@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 
+#include "core/common/Overloaded.h"
 #include "core/common/Scrub.h"
 #include "core/common/SecureString.h"
 #include "core/runtime/LogTrace.h"
@@ -55,52 +56,38 @@ void BindValue(wxSQLite3Statement& statement, int position, const wxString& name
         statement.BindNull(position);
         return;
     }
-    switch (attribute.m_type) {
-        case PT_BINARY: {
-            const auto* buffer = static_cast<const wxMemoryBuffer*>(attribute.m_value);
-            if (buffer->GetDataLen() == 0)
-                statement.BindNull(position);
-            else
-                statement.Bind(position, *buffer);
-            break;
-        }
-        case PT_BOOL:
-            statement.BindBool(position, *static_cast<const bool*>(attribute.m_value));
-            break;
-        case PT_INT:
-            statement.Bind(position, *static_cast<const int*>(attribute.m_value));
-            break;
-        case PT_INT64:
-            statement.Bind(position, wxLongLong(*static_cast<const long long*>(attribute.m_value)));
-            break;
-        case PT_STRING:
-            statement.Bind(position, *static_cast<const wxString*>(attribute.m_value));
-            break;
-        case PT_SECURE_STRING:
-            BindSecret(statement, position, *static_cast<const wxSecureString*>(attribute.m_value));
-            break;
-        case PT_STRING_ARRAY:
-            statement.Bind(position,
-                           XMLObject::Print(*static_cast<const wxArrayString*>(attribute.m_value),
-                                            attribute.m_default.text));
-            break;
-        default:
-            wxLogError(wxS("%s - unknown type '%d' for attribute '%.64s'"),
-                       wxString::FromUTF8(operation), static_cast<int>(attribute.m_type), name);
-    }
+    attribute.Visit(
+        Overloaded{[&](const wxMemoryBuffer& buffer) {
+                       if (buffer.GetDataLen() == 0)
+                           statement.BindNull(position);
+                       else
+                           statement.Bind(position, buffer);
+                   },
+                   [&](const bool& flag) { statement.BindBool(position, flag); },
+                   [&](const int& number) { statement.Bind(position, number); },
+                   [&](const long long& number) { statement.Bind(position, wxLongLong(number)); },
+                   [&](const wxString& text) { statement.Bind(position, text); },
+                   [&](const wxSecureString& secret) { BindSecret(statement, position, secret); },
+                   [&](const wxArrayString& values) {
+                       statement.Bind(position, XMLObject::Print(values, attribute.m_default.text));
+                   },
+                   [&](UnknownAttributeType unknown) {
+                       wxLogError(wxS("%s - unknown type '%d' for attribute '%.64s'"),
+                                  wxString::FromUTF8(operation), unknown.code, name);
+                   }});
 }
 
 // Binds a key at `position`; false for a key type that can't be one.
 bool BindKey(wxSQLite3Statement& statement, int position, const XMLAttribute& key) {
-    if (key.m_type == PT_INT) {
-        statement.Bind(position, *static_cast<const int*>(key.m_value));
-        return true;
-    }
-    if (key.m_type == PT_INT64) {
-        statement.Bind(position, wxLongLong(*static_cast<const long long*>(key.m_value)));
-        return true;
-    }
-    return false;
+    return key.Visit(Overloaded{[&](const int& number) {
+                                    statement.Bind(position, number);
+                                    return true;
+                                },
+                                [&](const long long& number) {
+                                    statement.Bind(position, wxLongLong(number));
+                                    return true;
+                                },
+                                [](const auto&) { return false; }});
 }
 
 void TraceExecuting(wxSQLite3Statement& statement) {
@@ -116,13 +103,13 @@ void StoreRowId(const wxString& name, XMLAttribute& key) {
     }
     const long long rowId = db->GetLastRowId().GetValue();
     LogTrace(kTrace, "Rowid: %lld", rowId);
-    if (key.m_type == PT_INT)
-        *static_cast<int*>(key.m_value) = static_cast<int>(rowId);
-    else if (key.m_type == PT_INT64)
-        *static_cast<long long*>(key.m_value) = rowId;
-    else
-        wxLogError(wxS("SQLInsert() - unsupported primary key type '%d' for attribute '%.64s'"),
-                   static_cast<int>(key.m_type), name);
+    key.Visit(Overloaded{
+        [&](int& number) { number = static_cast<int>(rowId); },
+        [&](long long& number) { number = rowId; },
+        [&](auto&&) {
+            wxLogError(wxS("SQLInsert() - unsupported primary key type '%d' for attribute '%.64s'"),
+                       static_cast<int>(key.m_type), name);
+        }});
 }
 
 }  // namespace
@@ -272,6 +259,61 @@ bool XMLObject::SQLLoad(wxSQLite3Database& db, const char* databaseName) {
     return SQLLoad(results);
 }
 
+namespace {
+
+// Reads the column `name` into the attribute's member; false for a type that
+// has no column.
+bool LoadColumn(wxSQLite3ResultSet& results, const wxString& name, XMLAttribute& attribute) {
+    return attribute.Visit(Overloaded{
+        [&](wxMemoryBuffer& buffer) {
+            buffer.SetDataLen(0);
+            results.GetBlob(name, buffer);
+            return true;
+        },
+        [&](bool& flag) {
+            flag = results.GetBool(name);
+            return true;
+        },
+        [&](int& number) {
+            number = results.GetInt(name, attribute.m_hasDefault ? attribute.m_default.integer : 0);
+            return true;
+        },
+        [&](long long& number) {
+            number =
+                results.GetInt64(name, attribute.m_hasDefault ? attribute.m_default.integer64 : 0)
+                    .GetValue();
+            return true;
+        },
+        [&](wxString& text) {
+            text = results.GetString(name, attribute.m_hasDefault && attribute.m_default.text
+                                               ? wxString::FromUTF8(attribute.m_default.text)
+                                               : wxString());
+            return true;
+        },
+        [&](wxSecureString& secret) {
+            // The column's bytes, not its text: every conversion would leave
+            // a copy of the secret behind.
+            int length = 0;
+            const unsigned char* bytes = results.GetBlob(name, length);
+            std::string plain(reinterpret_cast<const char*>(bytes), bytes ? length : 0);
+            secret.assign(plain.c_str());
+            Scrub(plain);
+            return true;
+        },
+        [&](wxArrayString& values) {
+            XMLObject::Parse(results.GetString(name, wxEmptyString), values,
+                             attribute.m_default.text);
+            return true;
+        },
+        [&](UnknownAttributeType unknown) {
+            wxLogError(wxS("FromSQL() - unknown type '%d' for attribute '%.64s'"), unknown.code,
+                       name);
+            return false;
+        }});
+}
+
+}  // namespace
+
 bool XMLObject::SQLLoad(wxSQLite3ResultSet& results) {
     SetToDefaults();
     if (LogTraceIsEnabled(kTrace))
@@ -281,51 +323,8 @@ bool XMLObject::SQLLoad(wxSQLite3ResultSet& results) {
         XMLAttribute& attribute = entry.second;
         if (results.IsNull(name))
             continue;
-        switch (attribute.m_type) {
-            case PT_BINARY: {
-                auto* buffer = static_cast<wxMemoryBuffer*>(attribute.m_value);
-                buffer->SetDataLen(0);
-                results.GetBlob(name, *buffer);
-                break;
-            }
-            case PT_BOOL:
-                *static_cast<bool*>(attribute.m_value) = results.GetBool(name);
-                break;
-            case PT_INT:
-                *static_cast<int*>(attribute.m_value) =
-                    results.GetInt(name, attribute.m_hasDefault ? attribute.m_default.integer : 0);
-                break;
-            case PT_INT64:
-                *static_cast<long long*>(attribute.m_value) =
-                    results
-                        .GetInt64(name, attribute.m_hasDefault ? attribute.m_default.integer64 : 0)
-                        .GetValue();
-                break;
-            case PT_STRING:
-                *static_cast<wxString*>(attribute.m_value) = results.GetString(
-                    name, attribute.m_hasDefault && attribute.m_default.text != nullptr
-                              ? wxString::FromUTF8(attribute.m_default.text)
-                              : wxString());
-                break;
-            case PT_SECURE_STRING: {
-                // The column's bytes, not its text: every conversion would
-                // leave a copy of the secret behind.
-                int length = 0;
-                const unsigned char* bytes = results.GetBlob(name, length);
-                std::string plain(reinterpret_cast<const char*>(bytes), bytes ? length : 0);
-                static_cast<wxSecureString*>(attribute.m_value)->assign(plain.c_str());
-                Scrub(plain);
-                break;
-            }
-            case PT_STRING_ARRAY:
-                Parse(results.GetString(name, wxEmptyString),
-                      *static_cast<wxArrayString*>(attribute.m_value), attribute.m_default.text);
-                break;
-            default:
-                wxLogError(wxS("FromSQL() - unknown type '%d' for attribute '%.64s'"),
-                           static_cast<int>(attribute.m_type), name);
-                return false;
-        }
+        if (!LoadColumn(results, name, attribute))
+            return false;
         attribute.m_wasParsed = true;
         attribute.m_isNull = false;
     }

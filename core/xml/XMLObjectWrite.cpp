@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "core/common/Base64.h"
+#include "core/common/Overloaded.h"
 #include "core/common/Scrub.h"
 #include "core/common/SecureString.h"
 #include "core/common/SecureTextOutputStream.h"
@@ -23,33 +24,18 @@ namespace VeskCore {
 namespace {
 
 bool IsLeftOut(const wxString& name, const XMLAttribute& attribute) {
-    switch (attribute.m_type) {
-        case PT_BINARY:
-            return static_cast<const wxMemoryBuffer*>(attribute.m_value)->GetDataLen() == 0;
-        case PT_BOOL:
-            return attribute.m_hasDefault &&
-                   *static_cast<const bool*>(attribute.m_value) == attribute.m_default.flag;
-        case PT_INT:
-            return attribute.m_hasDefault &&
-                   *static_cast<const int*>(attribute.m_value) == attribute.m_default.integer;
-        case PT_INT64:
-            return attribute.m_hasDefault && *static_cast<const long long*>(attribute.m_value) ==
-                                                 attribute.m_default.integer64;
-        case PT_STRING:
-            return attribute.m_hasDefault && attribute.m_default.text != nullptr &&
-                   EqualsUTF8(*static_cast<const wxString*>(attribute.m_value),
-                              attribute.m_default.text);
-        case PT_SECURE_STRING:
-            return static_cast<const wxSecureString*>(attribute.m_value)->length() == 0;
-        case PT_STRING_ARRAY: {
-            const auto* values = static_cast<const wxArrayString*>(attribute.m_value);
-            return values->empty() || (values->size() == 1 && (*values)[0].empty());
-        }
-        default:
+    return attribute.Visit(Overloaded{
+        [](const wxMemoryBuffer& buffer) { return buffer.GetDataLen() == 0; },
+        [](const wxSecureString& secret) { return secret.length() == 0; },
+        [](const wxArrayString& values) {
+            return values.empty() || (values.size() == 1 && values[0].empty());
+        },
+        [&](UnknownAttributeType unknown) {
             wxLogError(wxS("PrintAttributes() - unknown type '%d' for attribute '%.64s'"),
-                       static_cast<int>(attribute.m_type), name);
+                       unknown.code, name);
             return true;
-    }
+        },
+        [&](const auto&) { return attribute.HoldsDefault(); }});
 }
 
 // The plain text of a secret goes to the stream as it is, unquoted, and is
@@ -69,36 +55,21 @@ void WriteSecret(wxTextOutputStream& stream, const wxSecureString& secret) {
 }
 
 void WriteValue(wxTextOutputStream& stream, const XMLAttribute& attribute) {
-    switch (attribute.m_type) {
-        case PT_BINARY: {
-            const auto* buffer = static_cast<const wxMemoryBuffer*>(attribute.m_value);
+    attribute.Visit(Overloaded{
+        [&](const wxMemoryBuffer& buffer) {
             stream << toBase64String(
-                std::string(static_cast<const char*>(buffer->GetData()), buffer->GetDataLen()),
+                std::string(static_cast<const char*>(buffer.GetData()), buffer.GetDataLen()),
                 false);
-            break;
-        }
-        case PT_BOOL:
-            stream << toString(*static_cast<const bool*>(attribute.m_value));
-            break;
-        case PT_INT:
-            stream << toString(*static_cast<const int*>(attribute.m_value));
-            break;
-        case PT_INT64:
-            stream << toString(*static_cast<const long long*>(attribute.m_value));
-            break;
-        case PT_STRING:
-            stream << XMLObject::QuoteAttribute(*static_cast<const wxString*>(attribute.m_value));
-            break;
-        case PT_SECURE_STRING:
-            WriteSecret(stream, *static_cast<const wxSecureString*>(attribute.m_value));
-            break;
-        case PT_STRING_ARRAY:
-            stream << XMLObject::QuoteAttribute(XMLObject::Print(
-                *static_cast<const wxArrayString*>(attribute.m_value), attribute.m_default.text));
-            break;
-        default:
-            break;
-    }
+        },
+        [&](const bool& flag) { stream << toString(flag); },
+        [&](const int& number) { stream << toString(number); },
+        [&](const long long& number) { stream << toString(number); },
+        [&](const wxString& text) { stream << XMLObject::QuoteAttribute(text); },
+        [&](const wxSecureString& secret) { WriteSecret(stream, secret); },
+        [&](const wxArrayString& values) {
+            stream << XMLObject::QuoteAttribute(XMLObject::Print(values, attribute.m_default.text));
+        },
+        [](UnknownAttributeType) {}});
 }
 
 // The replacement of a character in attribute text, or null when it stays.
