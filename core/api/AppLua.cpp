@@ -4,6 +4,7 @@
 
 #include <lua.hpp>
 
+#include "core/api/TraceLua.h"
 #include "core/common/Base64.h"
 #include "core/common/FileUtil.h"
 #include "core/common/StringUtil.h"

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstring>
 #include <ctime>
-#include <lua.hpp>
 
 #include "core/common/Utf8.h"
 
@@ -194,28 +193,6 @@ void LogTrace(_TraceSubsystem subsystem, const char* format, ...) {
     va_start(args, format);
     LogTraceV(MaskOf(subsystem), format, args);
     va_end(args);
-}
-
-void LogTraceLua(const wxString& mask, const wxString& text) {
-    const std::string maskBytes = mask.utf8_string();
-    if (!LogTraceIsEnabled(maskBytes.c_str()))
-        return;
-    const std::string textBytes = text.utf8_string();
-    LogTrace(maskBytes.c_str(), "%s", textBytes.c_str());
-}
-
-namespace {
-void LogAtLevel(lua_Integer level, const char* text) {
-    wxLogGeneric(static_cast<wxLogLevel>(level), wxS("%s"), wxString::FromUTF8(text));
-}
-}  // namespace
-
-int wxLogLua(lua_State* L) {
-    // Both checks may raise: they run before any C++ object exists here.
-    const lua_Integer level = luaL_checkinteger(L, lua_upvalueindex(1));
-    const char* text = luaL_checklstring(L, 1, nullptr);
-    LogAtLevel(level, text);
-    return 0;
 }
 
 void TraceMasksSet(const std::string& list) {

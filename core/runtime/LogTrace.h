@@ -19,7 +19,6 @@
 #include "core/common/Export.h"
 
 class wxString;
-struct lua_State;
 
 namespace VeskCore {
 
@@ -40,14 +39,6 @@ VESK_EXPORT void LogTrace(_TraceSubsystem subsystem, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 VESK_EXPORT void LogTraceV(const char* mask, const char* format, va_list args)
     __attribute__((format(printf, 2, 0)));
-
-// The Lua function LogTrace: the text is logged as it is, so a '%' in script
-// text is harmless.
-VESK_EXPORT void LogTraceLua(const wxString& mask, const wxString& text);
-
-// lua_CFunction behind the module's eight log functions: the wx log level is
-// upvalue 1, the text argument 1.
-int wxLogLua(lua_State* L);
 
 // The run-time switches behind the settings "app.trace", "app.trace+" and
 // "app.trace-". Texts are UTF-8.

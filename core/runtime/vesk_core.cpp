@@ -13,6 +13,7 @@
 #include <lua.hpp>
 
 #include "core/api/BoundClass.h"
+#include "core/api/TraceLua.h"
 #include "core/api/VeskLua.h"
 #include "core/host/PlatformString.h"
 #include "core/http/OpenSslUtil.h"

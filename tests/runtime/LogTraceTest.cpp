@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "core/api/TraceLua.h"
 #include "core/runtime/LogTrace.h"
 #include "core/runtime/vesk_core.h"
 #include "tests/support/CapturingLog.h"
