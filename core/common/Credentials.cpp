@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "core/common/BootstrapCredentials.h"  // made for each build
+#include "core/common/NumberedMessages.h"
 #include "core/runtime/LogTrace.h"
 #include "hostseal/hostseal.h"
 
@@ -129,7 +130,7 @@ bool WriteKeyAndPassword(BIO* bio, EVP_PKEY* key, const EVP_CIPHER* cipher,
     sealed.bytes = QX_N_Choose_K_Encrypt(password, &sealed.length);
     if (sealed.bytes == nullptr) {
         // No machine to seal to: the key goes out as it is, which still works.
-        wxLogError(wxS("!3008!3008|"));
+        wxLogError(NumberedMessage::kKeyNotSealed);
         return PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
     }
     return PEM_write_bio_PrivateKey(bio, key, cipher, password, kPasswordLength, nullptr,
@@ -210,7 +211,7 @@ bool EncryptPrivateKey(const wxString& path, EVP_PKEY* key, X509* certificate) {
     const EVP_CIPHER* cipher = FirstKnownCipher();
     unsigned char password[kPasswordLength];
     if (cipher == nullptr || !MakePassword(password)) {
-        wxLogError(wxS("!3008!3008|"));
+        wxLogError(NumberedMessage::kKeyNotSealed);
         return false;
     }
     const bool written = PEM_write_bio_X509(bio.get(), certificate) == 1 &&

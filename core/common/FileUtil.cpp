@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/common/LogSysError.h"
+#include "core/common/NumberedMessages.h"
 #include "core/common/StringUtil.h"
 
 namespace VeskCore {
@@ -388,7 +389,7 @@ bool ReplaceFile(const wxString& from, const wxString& to) {
         return true;
     }
     const int error = errno;
-    wxLogError(wxS("3006|rename|%s -> %s|%d (%s)"), from, to, error, ErrnoToString(error));
+    wxLogError(NumberedMessage::kFileRenameFailed, from, to, error, ErrnoToString(error));
     return false;
 }
 

@@ -18,6 +18,7 @@
 
 #include "core/common/FileUtil.h"
 #include "core/common/LogSysError.h"
+#include "core/common/NumberedMessages.h"
 #include "core/common/StringUtil.h"
 
 namespace VeskCore {
@@ -123,11 +124,11 @@ bool Listen(int fd, int family, bool anyAddress, int port, int backlog) {
         return false;
     }
     if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
-        VESK_LOG_SYS_ERROR(wxS("!3005!bind() to port %d|"), port);
+        VESK_LOG_SYS_ERROR(NumberedMessage::kBindFailed, port);
         return false;
     }
     if (listen(fd, backlog) != 0) {
-        VESK_LOG_SYS_ERROR(wxS("!3005!listen() on port %d|"), port);
+        VESK_LOG_SYS_ERROR(NumberedMessage::kListenFailed, port);
         return false;
     }
     return true;

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "core/common/LogSysError.h"
+#include "core/common/NumberedMessages.h"
 
 namespace VeskCore {
 
@@ -50,7 +51,7 @@ bool ReadAll(FILE* pipe, std::string& bytes, const wxString& program, bool logEr
         }
         result = false;
         if (logErrors) {
-            VESK_LOG_SYS_ERROR(error, wxS("3004|%.256s|"), program);
+            VESK_LOG_SYS_ERROR(error, NumberedMessage::kProgramNotRead, program);
         }
         if (got == 0) {
             break;
@@ -67,7 +68,7 @@ bool Execute(const wxString& program, const wxString& arguments, wxString& outpu
     if (!pipe) {
         const int error = errno;
         if (logErrors) {
-            VESK_LOG_SYS_ERROR(error, wxS("3003|%.256s|"), program);
+            VESK_LOG_SYS_ERROR(error, NumberedMessage::kProgramNotStarted, program);
         }
         return false;
     }
@@ -80,7 +81,7 @@ bool Execute(const wxString& program, const wxString& arguments, wxString& outpu
         return result;
     }
     if (logErrors) {
-        wxLogError(wxS("3004|%.256s|Exit status %#x"), program, status);
+        wxLogError(NumberedMessage::kProgramFailed, program, status);
     }
     return false;
 }

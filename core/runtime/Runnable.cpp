@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "core/common/LogSysError.h"
+#include "core/common/NumberedMessages.h"
 #include "core/common/SystemUtil.h"
 #include "core/lua/LuaInterpreter.h"
 #include "core/runtime/App.h"
@@ -264,19 +265,19 @@ wxThread::ExitCode CRunnable::RunReporting() {
         OnRun();
         return nullptr;
     } catch (const std::exception& e) {
-        wxLogError(wxS("!5001!5001|Thread '%.128s': %.2048s"), wxString::FromUTF8(GetThreadName()),
+        wxLogError(NumberedMessage::kThreadStandardError, wxString::FromUTF8(GetThreadName()),
                    wxString::FromUTF8(e.what()));
     } catch (const wxSQLite3Exception& e) {
-        wxLogError(wxS("!3010!3010|Thread '%.128s': %.2048s"), wxString::FromUTF8(GetThreadName()),
+        wxLogError(NumberedMessage::kThreadDatabaseError, wxString::FromUTF8(GetThreadName()),
                    e.GetMessage());
     } catch (const char* text) {
-        wxLogError(wxS("5001|Thread '%.128s': %.2048s"), wxString::FromUTF8(GetThreadName()),
+        wxLogError(NumberedMessage::kThreadThrownText, wxString::FromUTF8(GetThreadName()),
                    wxString::FromUTF8(text));
     } catch (unsigned int number) {
-        wxLogError(wxS("5001|Thread '%.128s': %#x"), wxString::FromUTF8(GetThreadName()), number);
+        wxLogError(NumberedMessage::kThreadThrownNumber, wxString::FromUTF8(GetThreadName()),
+                   number);
     } catch (...) {
-        wxLogError(wxS("5001|Thread '%.128s': unknown exception"),
-                   wxString::FromUTF8(GetThreadName()));
+        wxLogError(NumberedMessage::kThreadUnknownError, wxString::FromUTF8(GetThreadName()));
     }
     return reinterpret_cast<ExitCode>(static_cast<intptr_t>(-1));
 }

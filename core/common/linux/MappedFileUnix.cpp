@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "core/common/LogSysError.h"
+#include "core/common/NumberedMessages.h"
 
 namespace VeskCore {
 
@@ -22,19 +23,19 @@ void* CMappedFileUnix::Map(const wxString& path, size_t& length) {
     m_fd = open(path.utf8_string().c_str(), O_RDONLY | O_CLOEXEC);
     if (m_fd < 0) {
         const int error = errno;
-        VESK_LOG_SYS_ERROR(error, wxS("3007|%.256s|"), path);
+        VESK_LOG_SYS_ERROR(error, NumberedMessage::kFileOpenFailed, path);
         return nullptr;
     }
     struct stat info {};
     if (fstat(m_fd, &info) != 0) {
         const int error = errno;
         Unmap();
-        VESK_LOG_SYS_ERROR(error, wxS("3006|fstat|%.256s|"), path);
+        VESK_LOG_SYS_ERROR(error, NumberedMessage::kFileStatFailed, path);
         return nullptr;
     }
     if (!S_ISREG(info.st_mode)) {
         Unmap();
-        wxLogError(wxS("3303|%.256s"), path);
+        wxLogError(NumberedMessage::kFileNotRegular, path);
         return nullptr;
     }
     m_length = static_cast<size_t>(info.st_size);
@@ -42,7 +43,7 @@ void* CMappedFileUnix::Map(const wxString& path, size_t& length) {
     if (data == MAP_FAILED) {
         const int error = errno;
         Unmap();
-        VESK_LOG_SYS_ERROR(error, wxS("3006|mmap|%.256s|"), path);
+        VESK_LOG_SYS_ERROR(error, NumberedMessage::kFileMapFailed, path);
         return nullptr;
     }
     m_data = data;
