@@ -1,6 +1,5 @@
 #include "core/runtime/Runnable.h"
 
-#include <openssl/err.h>
 #include <pthread.h>
 #include <unistd.h>
 #include <wx/log.h>
@@ -253,7 +252,6 @@ wxThread::ExitCode CRunnable::Entry() {
     const ExitCode code = RunReporting();
     // Closed here, on this thread, while its log lines still reach the host.
     interpreter.reset();
-    ERR_remove_state(0);
     wxLog::SetThreadActiveTarget(previous);
     return code;
 }

@@ -116,9 +116,9 @@ int CommandBinding(lua_State* L) {
 }
 
 void InitOpenSSL() {
-    OPENSSL_add_all_algorithms_noconf();
-    SSL_library_init();
-    SSL_load_error_strings();
+    // OpenSSL 3 starts itself on first use and needs no lock callbacks; one
+    // explicit start here makes a failure show at the library's start.
+    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     OpenSSLThreadSetup();
     if (!SecureAllocatorInForce())
         wxLogWarning(
@@ -161,17 +161,15 @@ void FreeCompressionMethods() {
     if (methods == nullptr)
         return;
     while (sk_SSL_COMP_num(methods) > 0)
-        CRYPTO_free(sk_SSL_COMP_pop(methods), __FILE__, __LINE__);
+        OPENSSL_free(sk_SSL_COMP_pop(methods));
 }
 
 void TermOpenSSL() {
+    // What OpenSSL 3 still keeps until exit; its per-thread error state and
+    // tables it frees by itself.
     OpenSSLThreadShutdown();
-    ERR_remove_state(0);
     CONF_modules_unload(1);
-    ERR_free_strings();
-    EVP_cleanup();
     FreeCompressionMethods();
-    CRYPTO_cleanup_all_ex_data();
 }
 
 void PushVersionFields(lua_State* L) {

@@ -27,15 +27,15 @@
 namespace VeskCore {
 
 void* XML_Malloc(size_t size) {
-    return CRYPTO_malloc(size, "core/xml/XMLObject", 94);
+    return OPENSSL_malloc(size);
 }
 
 void* XML_Realloc(void* block, size_t size) {
-    return CRYPTO_realloc(block, size, "core/xml/XMLObject", 111);
+    return OPENSSL_realloc(block, size);
 }
 
 void XML_Free(void* block) {
-    CRYPTO_free(block, "core/xml/XMLObject", 0);
+    OPENSSL_free(block);
 }
 
 const XML_Memory_Handling_Suite XML_MemoryHandlers = {XML_Malloc, XML_Realloc, XML_Free};
