@@ -5,9 +5,10 @@
 # Targets: pkcs7_unwrap (configuration packages), xml_record (XML records),
 # hostseal_decrypt (blobs sealed by libhostseal), credentials (credentials files
 # and their sealed passwords), http_url, http_reply, http_content (URLs, replies and
-# encoded bodies from a peer), hmd_netlink, hmd_proc_net (sock_diag replies and
-# /proc texts behind the connection tables), unzip (archives unpacked into a
-# scratch folder), ovf_env (the OVF environment that vmtoolsd prints).
+# encoded bodies from a peer), http_request (requests as a server reads them),
+# hmd_netlink, hmd_proc_net (sock_diag replies and /proc texts behind the
+# connection tables), unzip (archives unpacked into a scratch folder), ovf_env
+# (the OVF environment that vmtoolsd prints).
 # New inputs the fuzzer finds stay in build-fuzz/corpus/TARGET; a crash is
 # written to the current directory as crash-*.
 set -euo pipefail
