@@ -1,7 +1,8 @@
 # vesk_flags carries what every target of the project compiles with.
 add_library(vesk_flags INTERFACE)
 target_compile_options(vesk_flags INTERFACE
-  -Wall -Wextra -Werror -Wno-unused-parameter -fvisibility=hidden -fvisibility-inlines-hidden)
+  -Wall -Wextra -Wno-unused-parameter -fvisibility=hidden -fvisibility-inlines-hidden
+  $<$<BOOL:${VESK_WERROR}>:-Werror>)
 target_compile_definitions(vesk_flags INTERFACE
   wxNO_IMPLICIT_WXSTRING_ENCODING
   OPENSSL_API_COMPAT=0x10000000L

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup-debian.sh
-dir=$(bash scripts/build.sh | tail -n 1)
+dir=$(VESK_WERROR=1 bash scripts/build.sh | tail -n 1)
 # wx is not built with ThreadSanitizer: its own locks are suppressed by name.
 if [ "${VESK_TSAN:-0}" = 1 ]; then
   export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp ${TSAN_OPTIONS:-}"
