@@ -43,42 +43,42 @@ size_t EncodedSize(size_t size, bool lineBreaks) {
     return characters + (lineBreaks ? characters / 64 + 1 : 0);
 }
 
-// A memory BIO whose buffer already holds the whole text: growing it as the
-// text arrives copies and wipes the buffer again and again.
-BIO* MemoryBioFor(size_t capacity) {
-    BUF_MEM* buffer = BUF_MEM_new();
-    if (buffer == nullptr || BUF_MEM_grow(buffer, capacity) == 0) {
-        BUF_MEM_free(buffer);
-        return nullptr;
-    }
-    buffer->length = 0;
-    BIO* memory = BIO_new(BIO_s_mem());
-    if (memory == nullptr) {
-        BUF_MEM_free(buffer);
-        return nullptr;
-    }
-    BIO_set_mem_buf(memory, buffer, BIO_CLOSE);  // the BIO owns the buffer now
-    return memory;
-}
-
 }  // namespace
 
+// Straight into the result, without a filter BIO between: the encoder is
+// the same (lines of 64 characters, each ended by a newline), the copies
+// through the BIO's buffers are not.
 std::string toBase64StringASCII(const std::string& data, bool lineBreaks) {
-    BIO* memory = MemoryBioFor(EncodedSize(data.size(), lineBreaks));
-    BioChain chain = Base64Over(memory, lineBreaks);
-    if (!chain || data.size() > static_cast<size_t>(INT_MAX)) {
+    if (data.size() > static_cast<size_t>(INT_MAX)) {
         wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));
         return std::string();
     }
+    if (data.empty())
+        return std::string();  // the encoder refuses no input
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
     const int length = static_cast<int>(data.size());
-    if (BIO_write(chain.get(), data.data(), length) != length) {
+    std::string text(EncodedSize(data.size(), lineBreaks) + 1, '\0');
+    auto* out = reinterpret_cast<unsigned char*>(&text[0]);
+    if (!lineBreaks) {
+        text.resize(static_cast<size_t>(EVP_EncodeBlock(out, bytes, length)));
+        return text;
+    }
+    std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> encoder(EVP_ENCODE_CTX_new(),
+                                                                            &EVP_ENCODE_CTX_free);
+    int written = 0;
+    int last = 0;
+    if (!encoder) {
         wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));
         return std::string();
     }
-    (void)BIO_flush(chain.get());
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(memory, &text);
-    return size > 0 ? std::string(text, static_cast<size_t>(size)) : std::string();
+    EVP_EncodeInit(encoder.get());
+    if (EVP_EncodeUpdate(encoder.get(), out, &written, bytes, length) != 1) {
+        wxLogError(wxS("toBase64StringASCII() - BIO_write() failed."));
+        return std::string();
+    }
+    EVP_EncodeFinal(encoder.get(), out + written, &last);
+    text.resize(static_cast<size_t>(written + last));
+    return text;
 }
 
 wxString toBase64String(const std::string& data, bool lineBreaks) {

@@ -65,7 +65,9 @@ bool CopyStream(wxInputStream& in, wxOutputStream& out, bool sync, CopyWatcher w
                 void* context) {
     char buffer[2048];
     bool result = true;
-    while (!in.Eof() && in.IsOk()) {
+    // The end shows as a read that gives nothing. wx's Eof() would find it
+    // out by reading a byte and pushing it back, before every block.
+    while (in.IsOk()) {
         in.Read(buffer, sizeof buffer);
         const size_t got = in.LastRead();
         if (got == 0) {
