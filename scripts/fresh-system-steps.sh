@@ -16,6 +16,18 @@ check() {  # check NAME COMMAND...
     echo "FAIL $name"; sed 's/^/  /' "$work/log" | tail -n 40; failures=$((failures + 1)); fi
 }
 skip() { echo "skip $1: $2"; skips=$((skips + 1)); }
+# expect NAME LINE COMMAND...: COMMAND succeeds and prints exactly LINE, which
+# is shown, so that the log says what the installed programs answered.
+expect() {
+  local name=$1 line=$2; shift 2
+  local out
+  if out=$("$@" 2>"$work/log") && [ "$out" = "$line" ]; then
+    echo "ok   $name: $out"; passes=$((passes + 1))
+  else
+    echo "FAIL $name: printed '$out', not '$line'"; sed 's/^/  /' "$work/log" | tail -n 40
+    failures=$((failures + 1))
+  fi
+}
 apt_get() { apt-get -y -q -o Dpkg::Use-Pty=0 "$@"; }
 agent_deb=$(ls "$dir"/vesk-agent_*.deb)
 dev_deb=$(ls "$dir"/libvesk-core-dev_*.deb)
@@ -32,11 +44,17 @@ await() { local i=0; until grep -qF -- "$2" "$1" 2>/dev/null || [ $i -ge 600 ]; 
 
 check apt-update apt_get update
 check install-agent apt_get install "$agent_deb"
-check version sh -c "vesk-agent --version | grep -qxF 'vesk-agent $version'"
-check lua-require sh -c "env -u LUA_PATH -u LUA_CPATH -u LUA_PATH_5_2 -u LUA_CPATH_5_2 \
-  lua5.2 -e 'print(require \"vesk_core\".version)' | grep -qxF '$version'"
+echo "     apt set up: $(sed -n 's/^Setting up \([^ :]*\).*/\1/p' "$work/log" | tr '\n' ' ')"
+expect version "vesk-agent $version" vesk-agent --version
+expect lua-require "$version" env -u LUA_PATH -u LUA_CPATH -u LUA_PATH_5_2 -u LUA_CPATH_5_2 \
+  lua5.2 -e 'print(require "vesk_core".version)'
 cat >"$work/modules.lua" <<'LUA'
-assert(type(require("vesk.Config")) == "table", "vesk.Config")
+-- vesk.Config is a factory of configurations; the demo is found, not loaded.
+local newConfig = require "vesk.Config"
+assert(type(newConfig) == "function", "vesk.Config: " .. type(newConfig))
+assert(type(newConfig().Fetch_Internal) == "function", "vesk.Config: no Fetch_Internal")
+local found = package.searchpath("vesk.Config", package.path)
+assert(found == "/usr/share/lua/5.2/vesk/Config.lua", "vesk.Config from " .. tostring(found))
 assert(package.searchpath("vesk.demo.Manager", package.path), "vesk.demo.Manager")
 LUA
 check agent-finds-modules vesk-agent --run "$work/modules.lua"
@@ -45,10 +63,11 @@ check state-directory sh -c '[ "$(stat -c %a:%U /var/lib/vesk-agent)" = 700:root
 # A host program outside any source tree, against the installed packages.
 check install-dev apt_get install "$dev_deb" cmake g++ make
 cp -r "$dir/consumer" "$work/consumer"
-check cmake-consumer sh -c "cmake -S '$work/consumer' -B '$work/cmake' >/dev/null &&
-  cmake --build '$work/cmake' && '$work/cmake/consumer' | grep -qxF 'vesk_core $version'"
-check pkg-config-consumer sh -c "g++ -std=c++17 -o '$work/pc-consumer' '$work/consumer/consumer.cpp' \
-  \$(pkg-config --cflags --libs vesk_core) && '$work/pc-consumer' | grep -qxF 'vesk_core $version'"
+check cmake-consumer-build sh -c "cmake -S '$work/consumer' -B '$work/cmake' && cmake --build '$work/cmake'"
+expect cmake-consumer-runs "vesk_core $version" "$work/cmake/consumer"
+check pkg-config-consumer-build sh -c "g++ -std=c++17 -o '$work/pc-consumer' '$work/consumer/consumer.cpp' \
+  \$(pkg-config --cflags --libs vesk_core)"
+expect pkg-config-consumer-runs "vesk_core $version" "$work/pc-consumer"
 
 # man: the unit's documentation is checked to be there.
 check install-tools apt_get install systemd man-db curl
@@ -59,6 +78,9 @@ check systemd-analyze-verify sh -c "systemd-analyze verify '$unit' 2>&1 | tee /d
 # command line by hand, on a free port (the host may use the demo's).
 stop_limit=$(sed -n 's/^TimeoutStopSec=\([0-9]*\)s$/\1/p' "$unit")
 if [ -d /run/systemd/system ]; then
+  # The packaged options put the demo's manager on port 48443: a container
+  # that shares the host's network shares that port too.
+  check demo-port-free bash -c '! (exec 3<>/dev/tcp/::1/48443)'
   check systemctl-start systemctl start vesk-agent
   check demo-up sh -c 'for i in $(seq 60); do
     curl -skf --compressed "https://[::1]:48443/agent/status" | grep -q "<AgentReport " && exit 0; sleep 1
@@ -67,6 +89,8 @@ if [ -d /run/systemd/system ]; then
   check systemctl-stop systemctl stop vesk-agent
   check stopped-in-time sh -c "[ \$(( \$(date +%s) - $start )) -lt $stop_limit ] &&
     [ \"\$(systemctl show -p ExecMainStatus --value vesk-agent)\" = 0 ]"
+  echo "     stopped after $(( $(date +%s) - start )) s (TimeoutStopSec=${stop_limit}s); the journal:"
+  journalctl -q -o cat -u vesk-agent --no-pager | tail -n 15 | sed 's/^/       /'
 else
   skip systemctl "systemd is not running here"
   (set -a; . /etc/default/vesk-agent; set +a

@@ -21,7 +21,7 @@ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_
   -DCMAKE_C_FLAGS="$(flags CPPFLAGS) $(flags CFLAGS)" \
   -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
   -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" -DCMAKE_SHARED_LINKER_FLAGS="$(flags LDFLAGS)" \
-  -DCMAKE_MODULE_LINKER_FLAGS="$(flags LDFLAGS)" >&2
+  -DCMAKE_MODULE_LINKER_FLAGS="$(flags LDFLAGS)" -DCMAKE_STRIP="$PWD/packaging/strip" >&2
 # No two packages share a private key.
 rm -f "$dir/generated/core/common/BootstrapCredentials.h"
 cmake --build "$dir" -j2 >&2

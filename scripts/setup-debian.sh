@@ -18,7 +18,7 @@ packages=(
 for group in "$@"; do
   case $group in
     packaging) packages+=(dpkg-dev file lintian help2man) ;;
-    fresh-system) packages+=(dpkg-dev file lintian help2man debootstrap systemd) ;;
+    fresh-system) packages+=(dpkg-dev file lintian help2man debootstrap systemd systemd-container) ;;
     *) echo "setup: unknown group '$group'" >&2; exit 2 ;;
   esac
 done
