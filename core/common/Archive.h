@@ -37,8 +37,10 @@
 
 namespace VeskCore {
 
-// A packing filter's answer. Any value other than 0 and 1 stops.
-enum QXZipAction { QXZipInclude = 0, QXZipSkip = 1, QXZipStop = 2 };
+// A packing filter's answer. Any value other than 0 and 1 stops; the fixed
+// type makes every int a value of the enumeration (without it, 7 would be
+// outside its range, and reading it undefined).
+enum QXZipAction : int { QXZipInclude = 0, QXZipSkip = 1, QXZipStop = 2 };
 
 // Called with each path (relative to the source's folder) before it is
 // packed, and with null after every block of a file being copied, where

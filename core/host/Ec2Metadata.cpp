@@ -50,7 +50,8 @@ bool ParseContentLength(const std::string& value, ReplyHead& head) {
         return false;
     const long long length = std::stoll(value);
     // Two lengths that disagree are a classic way to smuggle a second answer.
-    if (length > static_cast<long long>(kImdsMaxBody) || (head.length >= 0 && head.length != length))
+    if (length > static_cast<long long>(kImdsMaxBody) ||
+        (head.length >= 0 && head.length != length))
         return false;
     head.length = length;
     return true;
@@ -117,8 +118,8 @@ ImdsParse ParseImdsReply(const std::string& bytes, bool closed, ImdsReply& reply
     if (head.length < 0 && !closed)
         return ImdsParse::more;
     reply.status = head.status;
-    reply.body = bytes.substr(bodyStart, head.length >= 0 ? static_cast<size_t>(head.length)
-                                                          : std::string::npos);
+    reply.body = bytes.substr(
+        bodyStart, head.length >= 0 ? static_cast<size_t>(head.length) : std::string::npos);
     return ImdsParse::done;
 }
 

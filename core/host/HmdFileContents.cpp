@@ -210,7 +210,7 @@ size_t WholeLines(const char* data, size_t length) {
 }  // namespace
 
 ContentsRead SearchFile(const std::string& path, unsigned long long limit, CLineMatcher& matcher,
-                        std::string& matched) {
+                        wxString& matched) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0)
         return ContentsRead::Failed;
@@ -225,6 +225,12 @@ ContentsRead SearchFile(const std::string& path, unsigned long long limit, CLine
     if (fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode))
         return ContentsRead::NotRegular;
     std::vector<char> buffer(limit >= kPiece ? kPiece : static_cast<size_t>(limit) + 1);
+    // A file's bytes give at most one character each, and a missing last
+    // line ending one more; past 1 GiB of address space it grows as it goes.
+    constexpr size_t kMostReserved = 1u << 28;
+    matched.reserve(matched.length() +
+                    std::min(static_cast<size_t>(status.st_size) + 1, kMostReserved));
+    std::string lines;  // one piece's matches, as UTF-8
     size_t held = 0;
     unsigned long long total = 0;
     for (;;) {
@@ -245,11 +251,16 @@ ContentsRead SearchFile(const std::string& path, unsigned long long limit, CLine
             return ContentsRead::TooLarge;
         held += static_cast<size_t>(got);
         const size_t whole = got == 0 ? held : WholeLines(buffer.data(), held);
-        matcher.MatchLines(buffer.data(), whole, matched);
+        lines.clear();
+        matcher.MatchLines(buffer.data(), whole, lines);
+        AppendUtf8(lines.data(), lines.size(), matched);
         memmove(buffer.data(), buffer.data() + whole, held - whole);
         held -= whole;
-        if (got == 0)
+        if (got == 0) {
+            if (matched.length() < matched.capacity() / 2)
+                matched.Shrink();  // the answer outlives the search
             return ContentsRead::Read;
+        }
     }
 }
 

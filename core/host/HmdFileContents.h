@@ -60,7 +60,11 @@ enum class ContentsRead { Read, NotRegular, TooLarge, Failed };
 // bytes of it, and appends its matching lines to `matched`. A file that
 // reports a size above `limit`, or that yields more bytes than that, is
 // TooLarge; anything but a regular file is refused before it is opened.
+//
+// Each piece's lines go into `matched` as soon as they are found, so that
+// besides the answer only one piece is held; the room reserved from the
+// file's size is address space, touched only as far as lines are added.
 ContentsRead SearchFile(const std::string& path, unsigned long long limit, CLineMatcher& matcher,
-                        std::string& matched);
+                        wxString& matched);
 
 }  // namespace VeskCore

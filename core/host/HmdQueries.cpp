@@ -169,12 +169,13 @@ bool GetHmdFileContents(CHostMetaDataQueryResult& result, int argCount, const wx
                    wxString::FromUTF8(error));
         return false;
     }
-    std::string matched;
+    wxString matched;
     if (SearchFile(path, limit, matcher, matched) != ContentsRead::Read)
         return false;
     std::unique_ptr<CHostMetaData> item = NewItem(wxS("fileContents"), args[0]);
-    item->AppendAttribute("matchedStrings",
-                          wxString::FromUTF8Unchecked(matched.data(), matched.size()));
+    // The lines can be most of a large file: moved in, not copied.
+    item->AppendAttribute("matchedStrings", wxString());
+    item->attributes.GetAttribute("matchedStrings")->value[0].swap(matched);
     item->AppendAttribute("searchString", expression);
     result.items.AddChild(item.release());
     SetCommandVersion(result, 1);
@@ -258,9 +259,9 @@ void ConnectionToHmdqr(const sockaddr* address, socklen_t length, const char* pr
     }
     if (info.created != 0)
         item->AppendAttribute("created", Decimal(info.created));
-    CHostMetaData* present = result.items.Find(item->type, item->identifier);
+    CHostMetaData* present = result.items.FindOrAdd(item.get());
     if (present == nullptr) {
-        result.items.AddChild(item.release());
+        item.release();  // the list has it
         return;
     }
     CHostMetaDataAttribute* listeners = present->attributes.GetAttribute("listeners");

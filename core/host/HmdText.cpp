@@ -66,6 +66,32 @@ wxString HostText(const char* bytes, size_t length) {
     return wxString::From8BitData(bytes, length);
 }
 
+void AppendUtf8(const char* text, size_t length, wxString& out) {
+    static_assert(sizeof(wchar_t) == 4, "a wxString holds UTF-32 here");
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+    wchar_t buffer[8192];
+    size_t held = 0;
+    for (size_t i = 0; i < length;) {
+        if (held == sizeof buffer / sizeof buffer[0]) {
+            out.append(buffer, held);
+            held = 0;
+        }
+        const unsigned char lead = bytes[i];
+        const size_t sequence = lead < 0x80 ? 1 : SequenceLength(bytes + i, length - i);
+        if (sequence <= 1) {
+            buffer[held++] = sequence == 1 ? static_cast<wchar_t>(lead) : L'\xFFFD';
+            ++i;
+            continue;
+        }
+        uint32_t code = lead & (0xFFu >> (sequence + 1));
+        for (size_t k = 1; k < sequence; ++k)
+            code = code << 6 | (bytes[i + k] & 0x3Fu);
+        buffer[held++] = static_cast<wchar_t>(code);
+        i += sequence;
+    }
+    out.append(buffer, held);
+}
+
 void AppendHostText(const char* bytes, size_t length, std::string& out) {
     if (IsUtf8(bytes, length)) {
         out.append(bytes, length);

@@ -21,6 +21,11 @@ inline wxString HostText(const std::string& bytes) {
 // Appends the UTF-8 form of `bytes` by the same rule to `out`.
 void AppendHostText(const char* bytes, size_t length, std::string& out);
 
+// Appends UTF-8 text to `out` in one pass (wx's converter makes two, the
+// first to count). Meant for text that AppendHostText made; a byte that
+// starts no well-formed sequence still becomes U+FFFD rather than garbage.
+void AppendUtf8(const char* bytes, size_t length, wxString& out);
+
 // True if the bytes are well-formed UTF-8 (no overlong forms, surrogates,
 // or code points above U+10FFFF).
 bool IsUtf8(const char* bytes, size_t length);

@@ -3,6 +3,9 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cwchar>
 #include <memory>
 #include <string>
 
@@ -84,10 +87,30 @@ CHostMetaData::CHostMetaData() : XMLObject(false, true) {
     XMLObject::AddChild(&attributes);
 }
 
+namespace {
+
+// wxString::CmpNoCase, starting behind the characters both texts share:
+// they fold alike, and neighbours in a sorted list share most of theirs, so
+// the locale's folding is asked for a few characters instead of all. Texts
+// with a NUL are left to wx, which compares them piece by piece.
+int CompareNoCase(const wxString& a, const wxString& b) {
+    const wchar_t* const p = a.wc_str();
+    const wchar_t* const q = b.wc_str();
+    const size_t shorter = std::min(a.length(), b.length());
+    size_t i = 0;
+    while (i < shorter && p[i] == q[i] && p[i] != L'\0')
+        ++i;
+    if (wcslen(p + i) != a.length() - i || wcslen(q + i) != b.length() - i)
+        return a.CmpNoCase(b);
+    return wcscasecmp(p + i, q + i);
+}
+
+}  // namespace
+
 int CHostMetaData::CmpTypeAndIdentifier(const wxString& otherType,
                                         const wxString& otherIdentifier) const {
-    const int byType = type.CmpNoCase(otherType);
-    return byType != 0 ? byType : identifier.CmpNoCase(otherIdentifier);
+    const int byType = CompareNoCase(type, otherType);
+    return byType != 0 ? byType : CompareNoCase(identifier, otherIdentifier);
 }
 
 void CHostMetaData::AppendAttribute(const char* name, const wxString& value) {
@@ -170,6 +193,21 @@ CHostMetaData* CHostMetaDatas::Find(const wxString& type, const wxString& identi
     auto* record = static_cast<CHostMetaData*>(node->GetData());
     return record->identifier.compare(identifier) == 0 && record->type.compare(type) == 0 ? record
                                                                                           : nullptr;
+}
+
+CHostMetaData* CHostMetaDatas::FindOrAdd(CHostMetaData* child) {
+    const size_t position = InsertionPosition(child->type, child->identifier);
+    if (position < m_index.size()) {
+        auto* record = static_cast<CHostMetaData*>(m_index[position]->GetData());
+        if (record->identifier.compare(child->identifier) == 0 &&
+            record->type.compare(child->type) == 0)
+            return record;
+        m_index.insert(m_index.begin() + static_cast<std::ptrdiff_t>(position),
+                       m_children.Insert(m_index[position], child));
+    } else {
+        m_index.push_back(m_children.Append(child));
+    }
+    return nullptr;
 }
 
 void CHostMetaDatas::AddChild(XMLObject* child) {
@@ -255,6 +293,55 @@ CHostMetaDataQueryResult::CHostMetaDataQueryResult() : CIdObject(true) {
     XMLObject::AddChild(&items);
 }
 
+namespace {
+
+bool IsScalarValue(wchar_t c) {
+    return static_cast<uint32_t>(c) < 0xD800 ||
+           (static_cast<uint32_t>(c) > 0xDFFF && static_cast<uint32_t>(c) <= 0x10FFFF);
+}
+
+// The UTF-8 of a text into the digest, in pieces through a buffer on the
+// stack: no copy is made, neither of a value as long as a file search's
+// lines nor of the many short texts of 10,000 ports. The bytes are those of
+// the wxString overload, which keeps the texts with no UTF-8 form (it leaves
+// them out, with its log line).
+void DigestText(EVP_MD_CTX* context, const wxString& text) {
+    static_assert(sizeof(wchar_t) == 4, "a wxString holds UTF-32 here");
+    const wchar_t* const chars = text.wc_str();
+    const size_t length = text.length();
+    if (!std::all_of(chars, chars + length, IsScalarValue)) {
+        EVP_DigestUpdate(context, text);
+        return;
+    }
+    unsigned char buffer[16384];
+    size_t held = 0;
+    for (size_t i = 0; i < length; ++i) {
+        if (held > sizeof buffer - 4) {
+            ::EVP_DigestUpdate(context, buffer, held);
+            held = 0;
+        }
+        const auto c = static_cast<uint32_t>(chars[i]);
+        if (c < 0x80) {
+            buffer[held++] = static_cast<unsigned char>(c);
+        } else if (c < 0x800) {
+            buffer[held++] = static_cast<unsigned char>(0xC0 | c >> 6);
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            buffer[held++] = static_cast<unsigned char>(0xE0 | c >> 12);
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c >> 6 & 0x3F));
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+        } else {
+            buffer[held++] = static_cast<unsigned char>(0xF0 | c >> 18);
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c >> 12 & 0x3F));
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c >> 6 & 0x3F));
+            buffer[held++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+        }
+    }
+    ::EVP_DigestUpdate(context, buffer, held);
+}
+
+}  // namespace
+
 bool CHostMetaDataQueryResult::ComputeHash() {
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
                                                                           &EVP_MD_CTX_free);
@@ -262,13 +349,13 @@ bool CHostMetaDataQueryResult::ComputeHash() {
     EVP_DigestInit(context.get(), digest);
     for (const XMLObject* child : items.GetChildren()) {
         const auto& item = static_cast<const CHostMetaData&>(*child);
-        EVP_DigestUpdate(context.get(), item.type);
-        EVP_DigestUpdate(context.get(), item.identifier);
+        DigestText(context.get(), item.type);
+        DigestText(context.get(), item.identifier);
         for (const XMLObject* entry : item.attributes.GetChildren()) {
             const auto& attribute = static_cast<const CHostMetaDataAttribute&>(*entry);
-            EVP_DigestUpdate(context.get(), attribute.name);
+            DigestText(context.get(), attribute.name);
             for (const wxString& value : attribute.value)
-                EVP_DigestUpdate(context.get(), value);
+                DigestText(context.get(), value);
         }
     }
     unsigned char bytes[EVP_MAX_MD_SIZE];

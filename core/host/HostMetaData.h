@@ -121,14 +121,17 @@ class VESK_EXPORT CHostMetaDatas : public XMLObjectList {
     // pair exactly; null otherwise (the search ignores case, this test does
     // not).
     CHostMetaData* Find(const wxString& type, const wxString& identifier);
+    // Find and then AddChild on one search: the record Find gives for the
+    // child's pair, or null once the child is added where AddChild puts it.
+    CHostMetaData* FindOrAdd(CHostMetaData* child);
 
     void DeleteChildren() override;
     XMLObject* ElementNameMatches(const wxString& name) override;
 
   private:
-    // The search probes positions; the design's list offers only a walk per
-    // probe, which made 10,000 sockets cost seconds. The nodes by position,
-    // kept in step by AddChild and rebuilt when the list changed otherwise.
+    // The search probes positions; a wxList offers only a walk per probe,
+    // which made 10,000 sockets cost seconds. The nodes by position, kept in
+    // step by AddChild and rebuilt when the list changed otherwise.
     void SyncIndex();
     size_t InsertionPosition(const wxString& type, const wxString& identifier);
 

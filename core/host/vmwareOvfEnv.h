@@ -77,7 +77,7 @@ class VESK_EXPORT CvmwareOvfEnv : public CIdNameObject {
     wxString GetElementName() const override { return ElementName(); }
 
     wxString vCenterId;
-    CvmwareOvfEnv_Adapters adapters;      // a member; never deleted as a child
+    CvmwareOvfEnv_Adapters adapters;     // a member; never deleted as a child
     CvmwareOvfEnv_Propertys properties;  // a member; never deleted as a child
 };
 

@@ -173,7 +173,8 @@ TEST(ZipTest, ADanglingLinkOrALoopInTheTreeFailsTheCall) {
     }
 }
 
-std::string Le(uint32_t value, int bytes) {
+// Little-endian; six bytes of zeros fill three fields at once.
+std::string Le(uint64_t value, int bytes) {
     std::string out;
     for (int i = 0; i < bytes; ++i)
         out += static_cast<char>(value >> (8 * i));

@@ -136,7 +136,8 @@ ScratchDir* ContentsTest::dir_ = nullptr;
 std::string* ContentsTest::text_ = nullptr;
 
 // Both ways of searching (across lines, and line by line) give what grep
-// gives, and the hash is the designed concatenation's.
+// gives, and the hash is the SHA-1 of types, identifiers, names and values
+// run together.
 TEST_F(ContentsTest, MatchedLinesAreGrepsForPlainPatterns) {
     VESK_SKIP_WITHOUT_TOOLS("grep", "sha1sum");
     const char* const patterns[] = {

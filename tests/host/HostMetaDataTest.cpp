@@ -8,6 +8,7 @@
 #include "core/common/HexCodec.h"
 #include "core/host/HmdQueries.h"
 #include "tests/host/HmdTestSupport.h"
+#include "tests/support/CapturingLog.h"
 
 using namespace VeskCore;
 using VeskTest::AttributesOf;
@@ -73,6 +74,43 @@ TEST(HostMetaDataTest, ItemsSortIgnoringCaseAndMergeOnlyExactPairs) {
     items.MergeChild(Item("fileInfo", "/c", {{"size", "4"}}));
     EXPECT_EQ(items.GetChildren().GetCount(), 7u);
     EXPECT_EQ(items.Find(wxS("fileInfo"), wxS("/C")), nullptr);
+
+    // FindOrAdd is Find, then AddChild when Find gives none.
+    const std::unique_ptr<CHostMetaData> again(Item("EnvironmentVariable", "PATH"));
+    CHostMetaData* const path = items.Find(wxS("EnvironmentVariable"), wxS("PATH"));
+    ASSERT_NE(path, nullptr);
+    EXPECT_EQ(items.FindOrAdd(again.get()), path);
+    EXPECT_EQ(items.FindOrAdd(Item("FILEINFO", "/A")), nullptr);
+    EXPECT_EQ(Order(items),
+              "EnvironmentVariable:PATH FILEINFO:/A fileInfo:/a fileInfo:/a "
+              "fileInfo:/B fileInfo:/b fileInfo:/c fileInfo:/C ");
+}
+
+// The order is wx's CmpNoCase, texts with NUL and shared prefixes included.
+TEST(HostMetaDataTest, OrderIsWxCmpNoCase) {
+    const wxString texts[] = {wxString(),
+                              wxS("a"),
+                              wxS("A"),
+                              wxS("aB"),
+                              wxS("ab"),
+                              wxS("abc"),
+                              wxS("b"),
+                              wxString(L"a\0b", 3),
+                              wxString(L"a\0B", 3),
+                              wxString(L"a\0", 2),
+                              wxS("tcp/127.0.0.1/2000"),
+                              wxS("tcp/127.0.0.1/20001"),
+                              wxS("tcp/127.0.0.1/2001")};
+    const auto sign = [](int value) { return (value > 0) - (value < 0); };
+    for (const wxString& a : texts) {
+        CHostMetaData item;
+        item.type = a;
+        item.identifier = a;
+        for (const wxString& b : texts) {
+            EXPECT_EQ(sign(item.CmpTypeAndIdentifier(a, b)), sign(a.CmpNoCase(b)));
+            EXPECT_EQ(sign(item.CmpTypeAndIdentifier(b, a)), sign(a.CmpNoCase(b)));
+        }
+    }
 }
 
 // Parsing appends in document order; sorted adds afterwards still find
@@ -111,6 +149,26 @@ TEST(HostMetaDataTest, HashCoversSortedItemsAndEveryValue) {
     other.ComputeHash();
     EXPECT_EQ(one.hash.utf8_string(), Sha1Hex("tan23tbmün1"));
     EXPECT_EQ(other.hash, one.hash);
+}
+
+// Values are digested as UTF-8 in pieces: every sequence length, NUL
+// included, across piece boundaries; a value with no UTF-8 form is left out.
+TEST(HostMetaDataTest, HashOfLongValuesIsTheirUtf8) {
+    const std::string piece("a\0ü€😀", 11);
+    std::string utf8;
+    while (utf8.size() < 40000)
+        utf8 += piece;
+    wxString lone = wxString::FromUTF8(utf8.data(), utf8.size());
+    ASSERT_GT(lone.length(), 4096u);
+    lone[lone.length() / 2] = wxUniChar(0xD800);
+    CHostMetaDataQueryResult result;
+    CHostMetaData* item = Item("t", "i");
+    item->AppendAttribute("long", wxString::FromUTF8(utf8.data(), utf8.size()));
+    item->AppendAttribute("lone", lone);
+    result.items.AddChild(item);
+    VeskTest::CapturingLog log;
+    result.ComputeHash();
+    EXPECT_EQ(result.hash.utf8_string(), Sha1Hex("tilonelong" + utf8));
 }
 
 // What a manager reads: XML with values joined, Lua with a multi-valued

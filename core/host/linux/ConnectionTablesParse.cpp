@@ -144,7 +144,8 @@ DiagWalk WalkDiagMessages(const void* data, size_t length, uint32_t sequence, in
             const int code = payloadLength >= sizeof(int) ? Read<int>(payload) : -EBADMSG;
             if (code == 0)
                 continue;  // an acknowledgement, not a failure
-            error = code < 0 ? -code : EBADMSG;
+            // Only the kernel's own error numbers are taken: -INT_MIN has no int.
+            error = code < 0 && code > -4096 ? -code : EBADMSG;
             return DiagWalk::Failed;
         }
         if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY || payloadLength < sizeof(inet_diag_msg))
