@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "core/xml/IdObject.h"
+#include "core/xml/RecordList.h"
 #include "core/xml/XMLObjectList.h"
 
 namespace VeskCore {
@@ -45,14 +46,10 @@ class VESK_EXPORT CHostMetaDataAttribute : public XMLObject {
     wxArrayString value;  // several values only after a merge
 };
 
-class VESK_EXPORT CHostMetaDataAttributes : public XMLObjectList {
+class VESK_EXPORT CHostMetaDataAttributes : public RecordList<CHostMetaDataAttribute> {
   public:
-    CHostMetaDataAttributes() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS("Attributes"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CHostMetaDataAttribute::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CHostMetaDataAttribute; }
 
     // Must be a CHostMetaDataAttribute; forwarded to the sorted add.
     void AddChild(XMLObject* child) override;
@@ -95,14 +92,10 @@ class VESK_EXPORT CHostMetaData : public XMLObject {
     CHostMetaDataAttributes attributes;  // a member, written inside the element
 };
 
-class VESK_EXPORT CHostMetaDatas : public XMLObjectList {
+class VESK_EXPORT CHostMetaDatas : public RecordList<CHostMetaData> {
   public:
-    CHostMetaDatas() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS("HostMetaDatas"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CHostMetaData::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CHostMetaData; }
 
     // Must be a CHostMetaData; forwarded to the sorted add.
     void AddChild(XMLObject* child) override;
@@ -184,14 +177,10 @@ class VESK_EXPORT CHostMetaDataQuery : public CIdObject {
     wxString query;
 };
 
-class VESK_EXPORT CHostMetaDataQuerys : public XMLObjectList {
+class VESK_EXPORT CHostMetaDataQuerys : public RecordList<CHostMetaDataQuery> {
   public:
-    CHostMetaDataQuerys() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS("HostMetaDataQueries"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CHostMetaDataQuery::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CHostMetaDataQuery; }
 };
 
 class VESK_EXPORT CHostMetaDataQueryResult : public CIdObject {
@@ -213,14 +202,10 @@ class VESK_EXPORT CHostMetaDataQueryResult : public CIdObject {
     CHostMetaDatas items;
 };
 
-class VESK_EXPORT CHostMetaDataQueryResults : public XMLObjectList {
+class VESK_EXPORT CHostMetaDataQueryResults : public RecordList<CHostMetaDataQueryResult> {
   public:
-    CHostMetaDataQueryResults() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS("HostMetaDataQueryResults"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CHostMetaDataQueryResult::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CHostMetaDataQueryResult; }
 };
 
 // The diagnostics exchange; nothing in this library fills them.

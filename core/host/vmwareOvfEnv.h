@@ -15,7 +15,7 @@
 #pragma once
 
 #include "core/xml/IdNameObject.h"
-#include "core/xml/XMLObjectList.h"
+#include "core/xml/RecordList.h"
 
 namespace VeskCore {
 
@@ -35,14 +35,10 @@ class VESK_EXPORT CvmwareOvfEnv_Adapter : public CIdNameObject {
 };
 
 // <V:EthernetAdapterSection>: the adapters in document order.
-class VESK_EXPORT CvmwareOvfEnv_Adapters : public XMLObjectList {
+class VESK_EXPORT CvmwareOvfEnv_Adapters : public RecordList<CvmwareOvfEnv_Adapter> {
   public:
-    CvmwareOvfEnv_Adapters() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS(VESK_OVF_VMW_NS "EthernetAdapterSection"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CvmwareOvfEnv_Adapter::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CvmwareOvfEnv_Adapter; }
 };
 
 // <E:Property E:key="..." E:value="..."/>: one deployment property.
@@ -58,14 +54,10 @@ class VESK_EXPORT CvmwareOvfEnv_Property : public CIdNameObject {
 };
 
 // <E:PropertySection>: the properties in document order.
-class VESK_EXPORT CvmwareOvfEnv_Propertys : public XMLObjectList {
+class VESK_EXPORT CvmwareOvfEnv_Propertys : public RecordList<CvmwareOvfEnv_Property> {
   public:
-    CvmwareOvfEnv_Propertys() : XMLObjectList(true, false) {}
-
     static wxString ElementName() { return wxS(VESK_OVF_ENV_NS "PropertySection"); }
     wxString GetElementName() const override { return ElementName(); }
-    wxString ChildElementName() const override { return CvmwareOvfEnv_Property::ElementName(); }
-    XMLObject* CreateListElement() const override { return new CvmwareOvfEnv_Property; }
 };
 
 // <E:Environment V:vCenterId="...">: the root.
