@@ -1,11 +1,9 @@
 #include "core/http/EvpCipherCtx.h"
 
-#include <openssl/objects.h>
-
 #include <climits>
-#include <map>
-#include <mutex>
 #include <new>
+
+#include "core/http/FetchedAlgorithm.h"
 
 namespace VeskCore {
 namespace {
@@ -13,23 +11,8 @@ namespace {
 // EVP_CipherUpdate counts in int and may write a block more than it reads.
 constexpr size_t kMaxUpdate = INT_MAX - EVP_MAX_BLOCK_LENGTH;
 
-// The provider's cipher for a NID, fetched once for the life of the process:
-// OpenSSL 3 fetches a cipher that was found by name again at every init.
-// Handed out as plain pointers, so never freed; failures are not kept, for a
-// provider may be loaded later.
 const EVP_CIPHER* Fetched(int nid) {
-    static std::mutex guard;
-    static auto* fetched = new std::map<int, EVP_CIPHER*>;
-    if (nid == NID_undef)
-        return nullptr;
-    std::lock_guard<std::mutex> lock(guard);
-    auto found = fetched->find(nid);
-    if (found != fetched->end())
-        return found->second;
-    EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, OBJ_nid2sn(nid), nullptr);
-    if (cipher != nullptr)
-        fetched->emplace(nid, cipher);
-    return cipher;
+    return FetchedAlgorithm<EVP_CIPHER, EVP_CIPHER_fetch>(nid);
 }
 
 // The fetched form of `cipher`, or null when it can't be completed here: an

@@ -2,9 +2,9 @@
 
 #include <openssl/objects.h>
 
-#include <map>
-#include <mutex>
 #include <new>
+
+#include "core/http/FetchedAlgorithm.h"
 
 namespace VeskCore {
 namespace {
@@ -16,23 +16,8 @@ namespace {
 // result.
 constexpr int kRefusedFlags = EVP_MD_CTX_FLAG_NO_INIT | EVP_MD_CTX_FLAG_FINALISE;
 
-// The provider's digest for a NID, fetched once for the life of the process:
-// OpenSSL 3 fetches a digest that was found by name (or EVP_sha256()) again at
-// every DigestInit. Handed out as plain pointers, so never freed; failures are
-// not kept, for a provider may be loaded later.
 const EVP_MD* Fetched(int nid) {
-    static std::mutex guard;
-    static auto* fetched = new std::map<int, EVP_MD*>;
-    if (nid == NID_undef)
-        return nullptr;
-    std::lock_guard<std::mutex> lock(guard);
-    auto found = fetched->find(nid);
-    if (found != fetched->end())
-        return found->second;
-    EVP_MD* digest = EVP_MD_fetch(nullptr, OBJ_nid2sn(nid), nullptr);
-    if (digest != nullptr)
-        fetched->emplace(nid, digest);
-    return digest;
+    return FetchedAlgorithm<EVP_MD, EVP_MD_fetch>(nid);
 }
 
 const EVP_MD* Provided(const EVP_MD* digest) {
