@@ -1,5 +1,9 @@
 // A main for benchmark executables that also reports, for declared pairs,
-// the ratio of a benchmark to its baseline measured in the same run.
+// the ratio of a benchmark to its baseline measured in the same run. With
+// --benchmark_repetitions the ratio is that of the medians, which a noisy
+// machine moves far less than single runs (add
+// --benchmark_enable_random_interleaving=true so that both sides meet the
+// same noise).
 //
 //   VESK_BENCH_RATIO(BM_Disabled, BM_Empty, 3.0);  // time: at most 3x the baseline's
 //   VESK_BENCH_SPEED(BM_Ours, BM_OpenSsl, 0.8);    // speed: at least 0.8x the baseline's
@@ -8,6 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -49,9 +54,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs)
             if (run.run_type == Run::RT_Iteration)
-                times[run.benchmark_name()] = MeasuresWallClock(run.benchmark_name())
-                                                  ? run.GetAdjustedRealTime()
-                                                  : run.GetAdjustedCPUTime();
+                times[run.benchmark_name()].push_back(MeasuresWallClock(run.benchmark_name())
+                                                          ? run.GetAdjustedRealTime()
+                                                          : run.GetAdjustedCPUTime());
         ConsoleReporter::ReportRuns(runs);
     }
 
@@ -59,14 +64,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
     int PrintRatios() const {
         int missed = 0;
         for (const RatioPair& pair : Ratios()) {
-            auto subject = times.find(pair.subject);
-            auto baseline = times.find(pair.baseline);
-            if (subject == times.end() || baseline == times.end() || baseline->second <= 0)
+            const double subject = Median(pair.subject);
+            const double baseline = Median(pair.baseline);
+            if (subject <= 0 || baseline <= 0)
                 continue;
-            if (pair.speed && subject->second <= 0)
-                continue;
-            const double ratio = pair.speed ? baseline->second / subject->second
-                                            : subject->second / baseline->second;
+            const double ratio = pair.speed ? baseline / subject : subject / baseline;
             const bool met = pair.speed ? ratio >= pair.goal : ratio <= pair.goal;
             missed += met ? 0 : 1;
             printf("%s %s / %s = %.2f (goal %s %.2f: %s)\n", pair.speed ? "speed" : "time",
@@ -84,7 +86,17 @@ class RatioReporter : public benchmark::ConsoleReporter {
                name.find("/manual_time") != std::string::npos;
     }
 
-    std::map<std::string, double> times;
+    // 0 for a benchmark that did not run.
+    double Median(const std::string& name) const {
+        const auto found = times.find(name);
+        if (found == times.end() || found->second.empty())
+            return 0;
+        std::vector<double> sorted = found->second;
+        std::sort(sorted.begin(), sorted.end());
+        const size_t middle = sorted.size() / 2;
+        return sorted.size() % 2 != 0 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
+    }
+    std::map<std::string, std::vector<double>> times;
 };
 
 }  // namespace VeskBench

@@ -1,10 +1,10 @@
 #include "core/lua/ZipLoader.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <wx/ffile.h>
-#include <wx/file.h>
 #include <wx/filename.h>
+#include <wx/log.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -121,22 +121,42 @@ class EntryReader {
             return Fail("unsupported compression method " + std::to_string(entry.method));
         if (entry.size > kMaxModuleSize)
             return Fail("larger than the 16 MiB a module may have");
+        fd = descriptor;
         // The local header must name the same entry: a wrong name length there
         // would move the start of the data.
-        std::string header(kLocalSize + entry.name.size(), '\0');
-        const auto* bytes = reinterpret_cast<const unsigned char*>(header.data());
-        if (!ReadAt(descriptor, &header[0], header.size(), entry.offset) ||
-            Little(bytes, 4) != kLocalSignature || Little(bytes + 8, 2) != entry.method ||
+        const size_t headerSize = kLocalSize + entry.name.size();
+        std::string longHeader;
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(input);
+        size_t got = 0;  // of the entry's own bytes, in `input`
+        if (headerSize <= sizeof input && entry.offset <= fileSize) {
+            // One read takes the header and, for a module of usual size, all of
+            // its data.
+            got = static_cast<size_t>(std::min<uint64_t>(sizeof input, fileSize - entry.offset));
+            if (got < headerSize || !ReadAt(fd, input, got, entry.offset))
+                return Fail("bad local header");
+        } else {
+            longHeader.assign(headerSize, '\0');
+            if (!ReadAt(fd, &longHeader[0], headerSize, entry.offset))
+                return Fail("bad local header");
+            bytes = reinterpret_cast<const unsigned char*>(longHeader.data());
+        }
+        if (Little(bytes, 4) != kLocalSignature || Little(bytes + 8, 2) != entry.method ||
             Little(bytes + 26, 2) != entry.name.size() ||
-            header.compare(kLocalSize, std::string::npos, entry.name) != 0)
+            memcmp(bytes + kLocalSize, entry.name.data(), entry.name.size()) != 0)
             return Fail("bad local header");
         if (Little(bytes + 6, 2) & kEncrypted)
             return Fail("encrypted entry");
-        fd = descriptor;
-        next = entry.offset + header.size() + Little(bytes + 28, 2);
+        const uint64_t dataAt = headerSize + Little(bytes + 28, 2);
+        next = entry.offset + dataAt;
         if (next > fileSize || entry.compressedSize > fileSize - next)
             return Fail("entry runs past the end of the archive");
         end = next + entry.compressedSize;
+        if (dataAt < got) {
+            buffered = input + dataAt;
+            bufferedLength =
+                static_cast<size_t>(std::min<uint64_t>(got - dataAt, entry.compressedSize));
+            next += bufferedLength;
+        }
         declared = entry.size;
         crc = entry.crc;
         if (entry.method == kDeflated) {
@@ -189,6 +209,13 @@ class EntryReader {
     }
 
     size_t Raw(char* out, size_t size) {
+        if (bufferedLength > 0) {
+            const size_t taken = std::min(size, bufferedLength);
+            memcpy(out, buffered, taken);
+            buffered += taken;
+            bufferedLength -= taken;
+            return taken;
+        }
         if (next >= end)
             return 0;
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, end - next));
@@ -210,7 +237,11 @@ class EntryReader {
         zip.next_out = reinterpret_cast<Bytef*>(out);
         zip.avail_out = static_cast<uInt>(size);
         while (zip.avail_out > 0 && !ended) {
-            if (zip.avail_in == 0) {
+            if (zip.avail_in == 0 && bufferedLength > 0) {
+                zip.next_in = reinterpret_cast<Bytef*>(buffered);
+                zip.avail_in = static_cast<uInt>(bufferedLength);
+                bufferedLength = 0;
+            } else if (zip.avail_in == 0) {
                 const size_t got = Raw(input, sizeof input);
                 if (got == 0) {
                     Fail("compressed data ends early");
@@ -243,6 +274,8 @@ class EntryReader {
     bool finished = false;
     std::string fault;
     char input[kBlock];
+    char* buffered = nullptr;  // data the header's read took along, not yet used
+    size_t bufferedLength = 0;
 };
 
 // What lua_load reads from.
@@ -260,13 +293,33 @@ const char* StreamReader(lua_State*, void* data, size_t* size) {
 struct EntryNames {
     wxString file;  // a/b.lua
     wxString init;  // a/b/init.lua
+    std::string utf8File;
+    std::string utf8Init;
 };
 
 EntryNames EntryNamesOf(const char* module) {
     const wxString separator(wxFileName::GetPathSeparators()[0]);
     wxString base = wxString::FromUTF8(module);
     base.Replace(wxS("."), separator, true);
-    return {base + wxS(".lua"), base + separator + wxS("init.lua")};
+    EntryNames names{base + wxS(".lua"), base + separator + wxS("init.lua"), {}, {}};
+    names.utf8File = names.file.utf8_string();
+    names.utf8Init = names.init.utf8_string();
+    return names;
+}
+
+// The bytes the file system gets for a path, as wx's own file calls convert
+// it; ASCII, the usual case, needs no converter.
+std::string FileNameBytes(const wxString& path) {
+    std::string bytes;
+    bytes.reserve(path.length());
+    for (const wxUniChar c : path) {
+        if (!c.IsAscii()) {
+            const wxCharBuffer converted = path.fn_str();
+            return converted.data() != nullptr ? std::string(converted.data()) : std::string();
+        }
+        bytes.push_back(static_cast<char>(c.GetValue()));
+    }
+    return bytes;
 }
 
 // The state of one search, all of it plain data by the time Lua may raise.
@@ -412,11 +465,24 @@ class Window {
     std::vector<unsigned char> bytes;
 };
 
-// The first entry of each name in one archive, in archive order, for as long
-// as the file stays the same file with the same size and time.
+// The first entry of each name in one archive, in archive order, and the
+// archive open for reading, for as long as the path leads to the same file
+// with the same size and times. Keeping it open spares each require an open
+// and a close of the archive: the costliest part of finding a module there.
 class ArchiveIndex {
   public:
-    static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, int fd);
+    ArchiveIndex() = default;
+    ArchiveIndex(const ArchiveIndex&) = delete;
+    ArchiveIndex& operator=(const ArchiveIndex&) = delete;
+    ~ArchiveIndex() {
+        if (fd >= 0)
+            close(fd);
+    }
+
+    // The index of the archive at `path`, which stat found to be `file`;
+    // null when it cannot be opened.
+    static std::shared_ptr<const ArchiveIndex> Of(const wxString& path, const std::string& bytes,
+                                                  const struct stat& file);
 
     // The entry that comes first of the two names, or null.
     const IndexedEntry* FirstOf(const std::string& a, const std::string& b) const {
@@ -431,22 +497,28 @@ class ArchiveIndex {
     }
 
     uint64_t FileSize() const { return static_cast<uint64_t>(identity.st_size); }
+    int Descriptor() const { return fd; }
 
   private:
+    int fd = -1;
     struct stat identity {};
     std::unordered_map<std::string, size_t> positions;
     std::vector<IndexedEntry> entries;
 
+    // The change time counts too: a file whose mode changed may no longer be
+    // one this process could open.
     bool Describes(const struct stat& file) const {
         return identity.st_dev == file.st_dev && identity.st_ino == file.st_ino &&
                identity.st_size == file.st_size && identity.st_mtim.tv_sec == file.st_mtim.tv_sec &&
-               identity.st_mtim.tv_nsec == file.st_mtim.tv_nsec;
+               identity.st_mtim.tv_nsec == file.st_mtim.tv_nsec &&
+               identity.st_ctim.tv_sec == file.st_ctim.tv_sec &&
+               identity.st_ctim.tv_nsec == file.st_ctim.tv_nsec;
     }
 
     // Walks the central directory once. wx's walk is not used: it rewrites
     // names ("/x.lua" becomes "x.lua") before they can be judged. A corrupt
     // archive reads as one without entries, or with those before the damage.
-    void Read(int fd) {
+    void Read() {
         Directory directory;
         if (!FindDirectory(fd, FileSize(), directory))
             return;
@@ -485,19 +557,25 @@ std::mutex s_IndexGuard;
 std::unordered_map<wxString, std::shared_ptr<const ArchiveIndex>, wxStringHash, wxStringEqual>
     s_Indexes;
 
-std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path, int fd) {
-    struct stat identity {};
-    if (fstat(fd, &identity) != 0)
-        return nullptr;
+std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path, const std::string& bytes,
+                                                     const struct stat& file) {
     {
         std::lock_guard<std::mutex> lock(s_IndexGuard);
         const auto known = s_Indexes.find(path);
-        if (known != s_Indexes.end() && known->second->Describes(identity))
+        if (known != s_Indexes.end() && known->second->Describes(file))
             return known->second;
     }
     auto index = std::make_shared<ArchiveIndex>();
-    index->identity = identity;
-    index->Read(fd);
+    // Not blocking: the path may have become a FIFO since it was looked at.
+    index->fd = open(bytes.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (index->fd < 0) {
+        const int code = errno;  // reported as wx's own open reports it
+        wxLogError(wxS("can't open file '%s' (error %d: %s)"), path, code, wxSysErrorMsgStr(code));
+        return nullptr;
+    }
+    if (fstat(index->fd, &index->identity) != 0 || !S_ISREG(index->identity.st_mode))
+        return nullptr;
+    index->Read();
     std::lock_guard<std::mutex> lock(s_IndexGuard);
     s_Indexes[path] = index;
     return index;
@@ -506,14 +584,15 @@ std::shared_ptr<const ArchiveIndex> ArchiveIndex::Of(const wxString& path, int f
 // Compiles the entry; a damaged one counts as a module that does not compile.
 // lua_load runs protected and only compiles: a chunk from bytes that fail
 // their checks is dropped before anyone can run it.
-void LoadEntry(lua_State* L, int fd, const ArchiveIndex& index, const IndexedEntry& entry,
+void LoadEntry(lua_State* L, const ArchiveIndex& index, const IndexedEntry& entry,
                const std::string& chunkName, Search& search) {
     // A search keeps one value pushed at most: the last broken module's.
     if (search.loadStatus != LUA_OK && search.damage.empty())
         lua_pop(L, 1);
     search.damage.clear();
-    auto reader = std::make_unique<StreamReaderState>();
-    if (reader->entry.Open(fd, index.FileSize(), entry)) {
+    // Not value-initialized: its buffers are written before they are read.
+    std::unique_ptr<StreamReaderState> reader(new StreamReaderState);
+    if (reader->entry.Open(index.Descriptor(), index.FileSize(), entry)) {
         search.loadStatus = lua_load(L, StreamReader, reader.get(), chunkName.c_str(), nullptr);
         if (reader->entry.Finish(reader->buffer, sizeof reader->buffer).empty())
             return;
@@ -526,27 +605,28 @@ void LoadEntry(lua_State* L, int fd, const ArchiveIndex& index, const IndexedEnt
 // Looks for the module in one archive; on a match, pushes (+1) the chunk or
 // Lua's message, or records the entry's fault.
 void SearchArchive(lua_State* L, const wxString& archive, const EntryNames& names, Search& search) {
-    if (!wxFile::Exists(archive)) {
+    // What wxFile::Exists accepts: a path that leads, links followed, to a
+    // regular file.
+    struct stat file {};
+    const std::string path = FileNameBytes(archive);
+    if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) {
         AddFailure(search, wxString::Format(wxS("\n\tno file '%s'"), archive));
         return;
     }
-    wxFFile file(archive, wxS("rb"));
-    if (!file.IsOpened()) {
+    const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, path, file);
+    if (index == nullptr) {
         if (search.loadStatus == LUA_OK) {
             AddFailure(search, wxString::Format(wxS("\n\terror opening file '%s'"), archive));
             search.stopped = true;
         }
         return;
     }
-    const int fd = fileno(file.fp());
-    const std::shared_ptr<const ArchiveIndex> index = ArchiveIndex::Of(archive, fd);
-    const IndexedEntry* found =
-        index ? index->FirstOf(names.file.utf8_string(), names.init.utf8_string()) : nullptr;
+    const IndexedEntry* found = index->FirstOf(names.utf8File, names.utf8Init);
     if (found == nullptr) {
         AddFailure(search, NotInArchive(names, archive));
         return;
     }
-    LoadEntry(L, fd, *index, *found, archive.utf8_string() + ":" + found->name, search);
+    LoadEntry(L, *index, *found, archive.utf8_string() + ":" + found->name, search);
     search.loaded = search.loadStatus == LUA_OK;
 }
 

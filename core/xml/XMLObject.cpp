@@ -17,24 +17,17 @@ namespace VeskCore {
 WX_DEFINE_LIST(XMLObjectPtrList);
 
 XMLObject::XMLObject(bool collectsText, bool strict)
-    : m_strict(strict), m_collectsText(collectsText), m_attributes(new XMLAttributeMap(5)) {
+    : m_strict(strict), m_collectsText(collectsText) {
     m_tempObjects.DeleteContents(true);
 }
 
 XMLObject::~XMLObject() {
     m_parent = nullptr;
-    delete m_attributes;
-    m_attributes = nullptr;
     DestroyTempObjects();
 }
 
 void XMLObject::Register(const char* name, const XMLAttribute& attribute) {
-    // Every record built registers all its names: converting them in one
-    // buffer leaves the map's own copy as the only allocation.
-    thread_local wxString key;
-    AssignUTF8(key, name);
-    if (m_attributes->find(key) == m_attributes->end())
-        (*m_attributes)[key] = attribute;  // the first registration of a name wins
+    m_attributes.Add(name, attribute);
 }
 
 void XMLObject::AddAttribute(const char* name, wxMemoryBuffer* value) {
@@ -70,12 +63,12 @@ void XMLObject::AddAttribute(const char* name, wxArrayString* value, const char*
 
 void XMLObject::ReplaceAttribute(const char* oldName, const char* newName, int* value, int def,
                                  bool primaryKey) {
-    m_attributes->erase(wxString::FromUTF8(oldName != nullptr ? oldName : ""));
+    m_attributes.Erase(oldName);
     AddAttribute(newName, value, def, primaryKey);
 }
 
 XMLAttribute* XMLObject::FindByMember(const void* member) {
-    for (auto& entry : *m_attributes)
+    for (const auto entry : m_attributes)
         if (entry.second.m_value == member)
             return &entry.second;
     return nullptr;
@@ -92,14 +85,14 @@ void XMLObject::SetAttributeNull(const void* member, bool isNull) {
 
 const wxString& XMLObject::GetAttributeName(const void* member) const {
     static const wxString noName;
-    for (const auto& entry : *m_attributes)
+    for (const auto& entry : m_attributes)
         if (entry.second.m_value == member)
             return entry.first;
     return noName;
 }
 
 bool XMLObject::AttributeWasParsed(const void* member) const {
-    for (const auto& entry : *m_attributes)
+    for (const auto& entry : m_attributes)
         if (entry.second.m_value == member)
             return entry.second.m_wasParsed;
     return false;
@@ -108,9 +101,9 @@ bool XMLObject::AttributeWasParsed(const void* member) const {
 bool XMLObject::EnumAttributes(bool (*callback)(const XMLObject*, const char*, _PrimitiveType,
                                                 const void*, void*),
                                void* userData) const {
-    for (const auto& entry : *m_attributes) {
-        const std::string name = entry.first.utf8_string();
-        if (!callback(this, name.c_str(), entry.second.m_type, entry.second.m_value, userData))
+    for (const auto& entry : m_attributes) {
+        if (!callback(this, entry.utf8Name.c_str(), entry.second.m_type, entry.second.m_value,
+                      userData))
             return false;
     }
     return true;
@@ -129,7 +122,7 @@ void XMLObject::AddChild(XMLObject* child) {
 }
 
 void XMLObject::SetToDefaults() {
-    for (auto& entry : *m_attributes)
+    for (const auto entry : m_attributes)
         entry.second.SetToDefault();
     // Children stay attached (they are usually members) and reset themselves;
     // a list has removed its own already.
@@ -150,14 +143,7 @@ void XMLObject::DestroyTempObjects() {
 }
 
 XMLAttribute* XMLObject::FindAttribute(const wxString& name) {
-    if (m_strict) {
-        const auto found = m_attributes->find(name);
-        return found != m_attributes->end() ? &found->second : nullptr;
-    }
-    for (auto& entry : *m_attributes)
-        if (entry.first.CmpNoCase(name) == 0)
-            return &entry.second;
-    return nullptr;
+    return m_strict ? m_attributes.Find(name) : m_attributes.FindNoCase(name);
 }
 
 bool XMLObject::SetAttribute(const wxString& name, const wxString& value) {

@@ -4,9 +4,10 @@
 //
 // An attribute's name is at once the XML attribute, the SQL column and the
 // Lua key; GetElementName() is the XML tag and, with an "s" added, the SQL
-// table. Attributes live in a hash map, and every walk over them (XML
-// attribute order, SQL columns and binds, Lua keys) is that map's order, the
-// same in every walk; nothing depends on the order of declaration.
+// table. Every walk over the attributes (XML attribute order, SQL columns
+// and binds, Lua keys) is the order of a hash map of the names, the same in
+// every walk; nothing depends on the order of declaration. The names and
+// that order are worked out once per class (AttributeLayout).
 //
 // Ownership: members registered as attributes are the record's own; child
 // records are usually members too (a plain XMLObject does not own its
@@ -22,6 +23,7 @@
 
 #include "core/common/Export.h"
 #include "core/common/Maps.h"
+#include "core/xml/AttributeTable.h"
 #include "core/xml/XMLAttribute.h"
 
 class wxArrayString;
@@ -39,7 +41,6 @@ namespace VeskCore {
 struct _GUID;
 class XMLObject;
 
-WX_DECLARE_STRING_HASH_MAP(XMLAttribute, XMLAttributeMap);
 // Deletes what it holds only while its DeleteContents flag is set.
 WX_DECLARE_LIST_WITH_DECL(XMLObject, XMLObjectPtrList, class VESK_EXPORT);
 
@@ -185,7 +186,7 @@ class VESK_EXPORT XMLObject {
     bool m_elementSeen = false;
     wxString m_text;
     XMLObjectPtrList m_children;
-    XMLAttributeMap* m_attributes;
+    AttributeTable m_attributes;
     XMLObject* m_parent = nullptr;
     XMLObjectPtrList m_tempObjects;
 

@@ -134,7 +134,7 @@ int XMLObject::toLua(lua_State* L) const {
     }
     lua_newtable(L);  // +2, attr
     int attributes = 0;
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         const int top = lua_gettop(L);
         PushValue(L, entry.first, entry.second, *this);
         if (lua_gettop(L) == top)

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -42,7 +43,7 @@ const XML_Memory_Handling_Suite XML_MemoryHandlers = {XML_Malloc, XML_Realloc, X
 
 namespace {
 
-constexpr int kChunk = 2048;
+constexpr int kChunk = 16 * 1024;
 
 // The text around the error on one line, columns kept: line ends become
 // blanks and tabs full stops.
@@ -74,6 +75,64 @@ void ReportParseFailure(XML_Parser parser, const char* chunk, int length) {
     }
 }
 
+// value.CmpNoCase(lowercase) == 0, without building a string of the
+// literal for every value read.
+bool EqualsNoCase(const wxString& value, const char* lowercase) {
+    const size_t length = strlen(lowercase);
+    if (value.length() != length)
+        return false;
+    const wxStringCharType* characters = value.wx_str();
+    for (size_t i = 0; i < length; ++i)
+        if (static_cast<wxUint32>(wxTolower(characters[i])) !=
+            static_cast<unsigned char>(lowercase[i]))
+            return false;
+    return true;
+}
+
+// What strtoll makes of text: an optional minus, then the digits up to the
+// first other character, clamped to the range of long long.
+struct Digits {
+    long long value = 0;
+    bool any = false;      // at least one digit
+    bool whole = false;    // the digits reach the end of the text
+    bool clamped = false;  // out of range
+};
+
+Digits ReadDigits(const wxString& text) {
+    const wxStringCharType* c = text.wx_str();
+    const wxStringCharType* const end = c + text.length();
+    const bool negative = c != end && *c == '-';
+    if (negative)
+        ++c;
+    const unsigned long long limit =
+        negative ? 0ULL - static_cast<unsigned long long>(LLONG_MIN) : LLONG_MAX;
+    unsigned long long magnitude = 0;
+    Digits digits;
+    for (; c != end && *c >= '0' && *c <= '9'; ++c) {
+        const unsigned digit = static_cast<unsigned>(*c - '0');
+        digits.any = true;
+        if (magnitude > (limit - digit) / 10)
+            digits.clamped = true;
+        else
+            magnitude = magnitude * 10 + digit;
+    }
+    if (!digits.any)
+        return digits;
+    digits.whole = c == end;
+    if (digits.clamped)
+        magnitude = limit;
+    digits.value =
+        negative ? static_cast<long long>(0ULL - magnitude) : static_cast<long long>(magnitude);
+    return digits;
+}
+
+// Placeholders made on this thread, by any parse: one made by a parse
+// nested in a handler's work makes the outer one look too, which is harmless.
+unsigned long long& PlaceholdersMade() {
+    thread_local unsigned long long made = 0;
+    return made;
+}
+
 bool OnlyDigitsAndMinus(const wxString& value) {
     for (const wxUniChar c : value)
         if (!(c >= '0' && c <= '9') && c != '-')
@@ -90,6 +149,7 @@ int XMLObject::FromXML(const wxString& text, const char* namespaceSeparator) {
 
 int XMLObject::FromXML(wxInputStream& stream, const char* namespaceSeparator) {
     SetToDefaults();  // before anything can fail
+    const unsigned long long placeholdersBefore = PlaceholdersMade();
     XML_Parser parser = XML_ParserCreate_MM(nullptr, &XML_MemoryHandlers, namespaceSeparator);
     if (parser == nullptr) {
         wxLogError(wxS("XML_ParserCreate() failed."));
@@ -127,8 +187,10 @@ int XMLObject::FromXML(wxInputStream& stream, const char* namespaceSeparator) {
     }
     XML_ParserFree(parser);
     // Unknown elements hang their placeholders on whichever record was
-    // current, children included: all of them go now.
-    DestroyPlaceholders();
+    // current, children included: all of them go now. A document without
+    // unknown elements leaves none, and a large tree is not walked for them.
+    if (PlaceholdersMade() != placeholdersBefore)
+        DestroyPlaceholders();
     return result;
 }
 
@@ -147,15 +209,21 @@ void XMLObject::Guarded(void* parser, Work work) {
     }
 }
 
+struct ElementNameScratch;
+
 void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
     Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
-        record.StartElementHandler(TextFromUTF8(name), attributes, expat);
+        ScratchText<ElementNameScratch> text;
+        AssignUTF8(*text, name);
+        record.StartElementHandler(*text, attributes, expat);
     });
 }
 
 void XMLObject::XML_EndElementHandler(void* parser, const char* name) {
     Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
-        record.EndElementHandler(TextFromUTF8(name), expat);
+        ScratchText<ElementNameScratch> text;
+        AssignUTF8(*text, name);
+        record.EndElementHandler(*text, expat);
     });
 }
 
@@ -197,6 +265,7 @@ void XMLObject::StartElementHandler(const wxString& name, const char** attribute
     if (target == nullptr) {
         // An element nobody knows: its subtree lands on placeholders.
         auto* placeholder = new XMLObject(false, true);
+        ++PlaceholdersMade();
         m_tempObjects.Append(placeholder);
         placeholder->SetParent(this, parser);
         placeholder->m_elementSeen = true;
@@ -213,10 +282,14 @@ void XMLObject::StartElementHandler(const wxString& name, const char** attribute
                        static_cast<long long>(XML_GetCurrentByteIndex(parser)));
 }
 
+struct AttributeNameScratch;
+struct AttributeValueScratch;
+
 bool XMLObject::SetAttributes(const char** attributes) {
-    // One pair of strings takes every attribute of the element in turn.
-    wxString name;
-    wxString value;
+    ScratchText<AttributeNameScratch> nameText;
+    ScratchText<AttributeValueScratch> valueText;
+    wxString& name = *nameText;
+    wxString& value = *valueText;
     bool applied = true;
     for (size_t i = 0; applied && attributes != nullptr && attributes[i] != nullptr; i += 2) {
         const char* rawName = attributes[i];
@@ -231,9 +304,6 @@ bool XMLObject::SetAttributes(const char** attributes) {
         AssignUTF8(value, attributes[i + 1]);
         applied = SetAttribute(name, value);
     }
-    // Parsed secrets must not stay behind in freed memory.
-    Scrub(name);
-    Scrub(value);
     return applied && EndAttributes();
 }
 
@@ -312,11 +382,11 @@ bool XMLObject::Parse(const wxString& value, wxSecureString& out) {
 }
 
 bool XMLObject::Parse(const wxString& value, bool& out) {
-    if (value.CmpNoCase(wxS("true")) == 0) {
+    if (EqualsNoCase(value, "true")) {
         out = true;
         return true;
     }
-    if (value.CmpNoCase(wxS("false")) == 0) {
+    if (EqualsNoCase(value, "false")) {
         out = false;
         return true;
     }
@@ -336,10 +406,11 @@ bool XMLObject::Parse(const wxString& value, int& out) {
         wxLogError(wxS("Parse() - Bad integer value: %.64s"), value);
         return false;
     }
-    long number = 0;
-    if (!value.ToLong(&number, 10))
+    // As wxString::ToLong reads it: every character used, nothing clamped.
+    const Digits number = ReadDigits(value);
+    if (!number.any || !number.whole || number.clamped)
         return false;
-    out = static_cast<int>(number);
+    out = static_cast<int>(number.value);
     return true;
 }
 
@@ -352,7 +423,7 @@ bool XMLObject::Parse(const wxString& value, long long& out) {
         wxLogError(wxS("Parse() - Bad int64 value: %.64s"), value);
         return false;
     }
-    out = atoll(value.utf8_string().c_str());
+    out = ReadDigits(value).value;  // as atoll reads it
     return true;
 }
 

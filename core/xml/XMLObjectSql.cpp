@@ -50,31 +50,71 @@ void BindSecret(wxSQLite3Statement& statement, int position, const wxSecureStrin
     free(plain);
 }
 
-void BindValue(wxSQLite3Statement& statement, int position, const wxString& name,
+// Binds text as the wrapper's own Bind of a wxString does (UTF-8, up to the
+// first NUL), without its conversion and buffer for the usual short ASCII.
+void BindText(wxSQLite3Statement& statement, int position, const wxString& text) {
+    char bytes[256];
+    const size_t length = text.length();
+    if (length < sizeof bytes) {
+        const wxStringCharType* characters = text.wx_str();
+        size_t i = 0;
+        while (i < length && static_cast<wxUint32>(characters[i]) < 0x80) {
+            bytes[i] = static_cast<char>(characters[i]);
+            ++i;
+        }
+        if (i == length) {
+            bytes[length] = '\0';
+            statement.Bind(position, static_cast<const char*>(bytes));
+            return;
+        }
+    }
+    statement.Bind(position, text);
+}
+
+// False for an attribute of a type that has no binding (logged).
+bool BindValue(wxSQLite3Statement& statement, int position, const wxString& name,
                const XMLAttribute& attribute, const char* operation) {
     if (attribute.m_isNull) {
         statement.BindNull(position);
-        return;
+        return true;
     }
-    attribute.Visit(
-        Overloaded{[&](const wxMemoryBuffer& buffer) {
-                       if (buffer.GetDataLen() == 0)
-                           statement.BindNull(position);
-                       else
-                           statement.Bind(position, buffer);
-                   },
-                   [&](const bool& flag) { statement.BindBool(position, flag); },
-                   [&](const int& number) { statement.Bind(position, number); },
-                   [&](const long long& number) { statement.Bind(position, wxLongLong(number)); },
-                   [&](const wxString& text) { statement.Bind(position, text); },
-                   [&](const wxSecureString& secret) { BindSecret(statement, position, secret); },
-                   [&](const wxArrayString& values) {
-                       statement.Bind(position, XMLObject::Print(values, attribute.m_default.text));
-                   },
-                   [&](UnknownAttributeType unknown) {
-                       wxLogError(wxS("%s - unknown type '%d' for attribute '%.64s'"),
-                                  wxString::FromUTF8(operation), unknown.code, name);
-                   }});
+    return attribute.Visit(Overloaded{
+        [&](const wxMemoryBuffer& buffer) {
+            if (buffer.GetDataLen() == 0)
+                statement.BindNull(position);
+            else
+                statement.Bind(position, buffer);
+            return true;
+        },
+        [&](const bool& flag) {
+            statement.BindBool(position, flag);
+            return true;
+        },
+        [&](const int& number) {
+            statement.Bind(position, number);
+            return true;
+        },
+        [&](const long long& number) {
+            statement.Bind(position, wxLongLong(number));
+            return true;
+        },
+        [&](const wxString& text) {
+            BindText(statement, position, text);
+            return true;
+        },
+        [&](const wxSecureString& secret) {
+            BindSecret(statement, position, secret);
+            return true;
+        },
+        [&](const wxArrayString& values) {
+            BindText(statement, position, XMLObject::Print(values, attribute.m_default.text));
+            return true;
+        },
+        [&](UnknownAttributeType unknown) {
+            wxLogError(wxS("%s - unknown type '%d' for attribute '%.64s'"),
+                       wxString::FromUTF8(operation), unknown.code, name);
+            return false;
+        }});
 }
 
 // Binds a key at `position`; false for a key type that can't be one.
@@ -116,7 +156,7 @@ void StoreRowId(const wxString& name, XMLAttribute& key) {
 
 const XMLAttribute* XMLObject::PrimaryKey(bool last, wxString* name) const {
     const XMLAttribute* key = nullptr;
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         if (!entry.second.m_isPrimaryKey)
             continue;
         key = &entry.second;
@@ -139,7 +179,7 @@ wxString XMLObject::GetSQLLoadStatement(const char* databaseName) const {
 wxString XMLObject::GetSQLInsertStatement(const char* databaseName) const {
     wxString columns;
     wxString places;
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         columns << entry.first << wxS(",");
         places << wxS("?,");
     }
@@ -157,7 +197,7 @@ wxString XMLObject::GetSQLUpdateStatement(const char* databaseName) const {
         ThrowSql("Updates require a primary key");
     wxString text =
         wxS("UPDATE ") + TablePrefix(databaseName) + wxS("[") + GetElementName() + wxS("s] SET ");
-    for (const auto& entry : *m_attributes)
+    for (const auto& entry : m_attributes)
         if (!entry.second.m_isPrimaryKey)
             text << entry.first << wxS("=?,");
     CutLast(text);
@@ -179,18 +219,24 @@ int XMLObject::SQLInsert(wxSQLite3Database& db, const char* databaseName) {
 }
 
 int XMLObject::SQLInsert(wxSQLite3Statement& statement) {
-    statement.ClearBindings();
+    // Every parameter is bound afresh, those no attribute fills to NULL: the
+    // state clearing the bindings first would give, without the cost of
+    // clearing for each record of a bulk insert.
     int position = 1;
     bool keyBoundNull = false;
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         keyBoundNull |= entry.second.m_isNull && entry.second.m_isPrimaryKey;
-        BindValue(statement, position++, entry.first, entry.second, "SQLInsert()");
+        if (!BindValue(statement, position, entry.first, entry.second, "SQLInsert()"))
+            statement.BindNull(position);
+        ++position;
     }
+    for (const int count = statement.GetParamCount(); position <= count; ++position)
+        statement.BindNull(position);
     TraceExecuting(statement);
     const int rows = statement.ExecuteUpdate();
     if (keyBoundNull) {
         // The key stays marked null: inserting the object again takes a new row.
-        for (auto& entry : *m_attributes)
+        for (const auto entry : m_attributes)
             if (entry.second.m_isPrimaryKey) {
                 StoreRowId(entry.first, entry.second);
                 break;
@@ -208,7 +254,7 @@ int XMLObject::SQLUpdate(wxSQLite3Statement& statement) const {
     statement.ClearBindings();
     int position = 1;
     const XMLAttribute* key = nullptr;
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         if (entry.second.m_isPrimaryKey) {
             key = &entry.second;  // the last one met
             continue;
@@ -318,7 +364,7 @@ bool XMLObject::SQLLoad(wxSQLite3ResultSet& results) {
     SetToDefaults();
     if (LogTraceIsEnabled(kTrace))
         LogTrace(kTrace, "Loading from: %s", results.GetSQL().utf8_string().c_str());
-    for (auto& entry : *m_attributes) {
+    for (const auto entry : m_attributes) {
         const wxString& name = entry.first;
         XMLAttribute& attribute = entry.second;
         if (results.IsNull(name))

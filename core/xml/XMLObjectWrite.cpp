@@ -128,7 +128,7 @@ wxTextOutputStream& XMLObject::ToXML(wxTextOutputStream& stream, unsigned int in
 }
 
 void XMLObject::PrintAttributes(wxTextOutputStream& stream) const {
-    for (const auto& entry : *m_attributes) {
+    for (const auto& entry : m_attributes) {
         if (IsLeftOut(entry.first, entry.second))
             continue;
         stream << wxS(" ") << entry.first << wxS("=\"");
@@ -188,7 +188,7 @@ wxOutputStream& XMLObjectList::ToXML(wxOutputStream& stream, unsigned int indent
 wxTextOutputStream& XMLObjectList::ToXML(wxTextOutputStream& stream, unsigned int indent) {
     if (m_children.empty() && m_text.empty())
         return stream;  // an empty list is absent, not an empty element
-    if (m_optionalContainer && m_attributes->empty()) {
+    if (m_optionalContainer && m_attributes.empty()) {
         PrintChildElements(stream, indent);
         return stream;
     }

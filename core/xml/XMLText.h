@@ -43,17 +43,18 @@ inline wxString TextFromUTF8(const char* bytes, size_t length) {
 // string can then take name after name without going to the heap.
 // A buffer that must grow is wiped before it goes: it may hold a secret.
 inline void AssignUTF8(wxString& out, const char* bytes, size_t length) {
-    wchar_t wide[128];
     if (length > out.capacity())
         Scrub(out);
-    if (length > sizeof wide / sizeof *wide || !IsAscii(bytes, length)) {
+    if (!IsAscii(bytes, length)) {
         DecodeUTF8(bytes, length, out);
         return;
     }
+    // ASCII widens in place. The characters are the string's own buffer
+    // (strings are never shared here), so no copy of the text is made.
+    out.resize(length);
+    auto* characters = const_cast<wchar_t*>(out.wx_str());
     for (size_t i = 0; i < length; ++i)
-        wide[i] = static_cast<unsigned char>(bytes[i]);
-    out.assign(wide, length);
-    OPENSSL_cleanse(wide, length * sizeof(wchar_t));  // the text may be a secret's
+        characters[i] = static_cast<unsigned char>(bytes[i]);
 }
 
 inline void AssignUTF8(wxString& out, const char* bytes) {
@@ -63,5 +64,45 @@ inline void AssignUTF8(wxString& out, const char* bytes) {
 inline wxString TextFromUTF8(const char* bytes) {
     return bytes != nullptr ? TextFromUTF8(bytes, strlen(bytes)) : wxString();
 }
+
+// A string per thread and `Tag` for text needed only while one call runs:
+// it keeps its buffer from element to element, where a string of the call's
+// own would go to the heap each time. A call that runs inside another one
+// with the same tag (a parse started from a record's handler) gets a string
+// of its own. The text is wiped when the call ends, since it may be a
+// secret's; a buffer grown large for one long value is released.
+template <class Tag>
+class ScratchText {
+  public:
+    ScratchText() : m_text(Depth()++ == 0 ? Shared() : m_own) {}
+    ~ScratchText() {
+        if (&m_text == &m_own || m_text.capacity() > kKeptCapacity) {
+            Scrub(m_text);
+        } else {
+            OPENSSL_cleanse(const_cast<wchar_t*>(m_text.wx_str()),
+                            (m_text.capacity() + 1) * sizeof(wchar_t));
+            m_text.clear();
+        }
+        --Depth();
+    }
+    ScratchText(const ScratchText&) = delete;
+    ScratchText& operator=(const ScratchText&) = delete;
+
+    wxString& operator*() { return m_text; }
+
+  private:
+    static constexpr size_t kKeptCapacity = 256;
+    static int& Depth() {
+        thread_local int depth = 0;
+        return depth;
+    }
+    static wxString& Shared() {
+        thread_local wxString text;
+        return text;
+    }
+
+    wxString m_own;
+    wxString& m_text;
+};
 
 }  // namespace VeskCore

@@ -37,6 +37,13 @@ std::string Columns(const XMLObject& record, std::string tail, std::string skip 
     return columns[0];
 }
 
+std::string Repeated(const std::string& text, size_t times) {
+    std::string out;
+    while (times-- > 0)
+        out += text;
+    return out;
+}
+
 CIP* Ip(XMLObject* child) {
     return static_cast<CIP*>(child);
 }
@@ -192,6 +199,29 @@ TEST_F(SqlMappingTest, ListsRunOneStatementForAllChildren) {
     Tool("insert into IPs (id) values (4294967301);");  // an int key takes the row id cut short
     Ip(ips.Children().front())->SQLInsert(db_, nullptr);
     EXPECT_EQ(Ip(ips.Children().front())->id, 6);
+}
+
+// Text goes in as the wrapper's own Bind of a wxString puts it (UTF-8, cut
+// at a NUL), and a parameter no attribute fills reads NULL even after the
+// caller bound it.
+TEST_F(SqlMappingTest, InsertBindsEveryParameterAsTheWrapperWould) {
+    Tool("create table Extras (id INTEGER PRIMARY KEY, ipAddress, notAvailable, more);");
+    wxString text = CIP().GetSQLInsertStatement(nullptr);
+    text.Replace(wxS("[IPs]"), wxS("[Extras]"));
+    text.Replace(wxS(") VALUES ("), wxS(",more) VALUES (?,"));
+    wxSQLite3Statement insert = db_.PrepareStatement(text);
+    const wxString texts[] = {wxString::FromUTF8("gr\303\266\303\237e"), wxString(L"a\0b", 3),
+                              wxString(300, wxUniChar('x')), wxString()};
+    for (const wxString& value : texts) {
+        insert.Bind(4, wxS("stale"));  // the extra parameter, last
+        CIP ip;
+        ip.ipAddress = value;
+        ip.SetAttributeNull(&ip.ipAddress, false);
+        SqlConnection connection(db_);
+        EXPECT_EQ(ip.SQLInsert(insert), 1);
+    }
+    EXPECT_EQ(Tool("select hex(ipAddress), more is null from Extras order by id;"),
+              "6772C3B6C39F65|1\n61|1\n" + Repeated("78", 300) + "|1\n|1\n");
 }
 
 TEST_F(SqlMappingTest, HashAggregateDigestsTheValuesAsTheShellToolsDo) {

@@ -4,6 +4,10 @@
 #include <gtest/gtest.h>
 #include <wx/sstream.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "tests/support/CapturingLog.h"
@@ -248,6 +252,37 @@ TEST(XMLObjectParseTest, ValueRulesAndMessages) {
               (Strings{"Parse() - Bad integer value: +1", "Parse() - Bad integer value:  1",
                        "Parse() - Bad int64 value: 0x10", "Parse() - Bad integer value: yes",
                        "Parse() - Bad int64 value: " + std::string(64, '9')}));
+}
+
+// The readers of numbers against the C library's: any text of digits and
+// minus signs, the 64-bit limits and their neighbours in particular.
+TEST(XMLObjectParseTest, NumbersReadAsTheCLibraryReadsThem) {
+    std::vector<std::string> texts = {"9223372036854775807",
+                                      "9223372036854775808",
+                                      "-9223372036854775808",
+                                      "-9223372036854775809",
+                                      "18446744073709551616",
+                                      "-0",
+                                      "000000000000000000000009223372036854775807"};
+    std::mt19937 random(7);
+    for (int i = 0; i < 20000; ++i) {
+        std::string text(1 + random() % 22, '0');
+        for (char& c : text)
+            c = random() % 12 == 0 ? '-' : static_cast<char>('0' + random() % 10);
+        texts.push_back(text);
+    }
+    for (const std::string& text : texts) {
+        long long wide = 1;
+        ASSERT_TRUE(XMLObject::Parse(W(text), wide)) << text;
+        EXPECT_EQ(wide, atoll(text.c_str())) << text;
+        errno = 0;
+        char* end = nullptr;
+        const long expected = strtol(text.c_str(), &end, 10);
+        const bool whole = end != text.c_str() && errno != ERANGE && *end == '\0';
+        int narrow = 1;
+        EXPECT_EQ(XMLObject::Parse(W(text), narrow), whole) << text;
+        EXPECT_EQ(narrow, whole ? static_cast<int>(expected) : 1) << text;
+    }
 }
 
 }  // namespace

@@ -92,14 +92,14 @@ class Sample : public VeskCore::XMLObject {
     }
     wxString GetElementName() const override { return wxS("Sample"); }
     bool IsNull(const void* member) const {
-        for (const auto& entry : *m_attributes)
+        for (const auto& entry : m_attributes)
             if (entry.second.m_value == member)
                 return entry.second.m_isNull;
         return false;
     }
     // What code that fills a record does: every value but the key counts as set.
     void MarkFilled() {
-        for (const auto& entry : *m_attributes)
+        for (const auto& entry : m_attributes)
             SetAttributeNull(entry.second.m_value, entry.second.m_value == &big);
     }
 
