@@ -19,9 +19,10 @@ struct AttributeLayout::Edge {
 
 namespace {
 
-// A class declares a handful of names, so a layout with this many steps
-// leading on is fed names made from data.
-constexpr unsigned kMaxEdges = 64;
+// Even the empty layout, where every kind of record starts, leads on to a
+// few dozen layouts in a program; one with this many steps leading on is
+// fed names made from data.
+constexpr unsigned kMaxEdges = 256;
 constexpr unsigned kMaxSharedLayouts = 1u << 16;
 
 std::mutex& RegistryMutex() {

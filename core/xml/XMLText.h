@@ -58,7 +58,23 @@ inline void AssignUTF8(wxString& out, const char* bytes, size_t length) {
 }
 
 inline void AssignUTF8(wxString& out, const char* bytes) {
-    AssignUTF8(out, bytes != nullptr ? bytes : "", bytes != nullptr ? strlen(bytes) : 0);
+    if (bytes == nullptr)
+        bytes = "";
+    // The usual short ASCII text in one pass: widened while its end is found.
+    wchar_t wide[64];
+    size_t length = 0;
+    unsigned char byte;
+    while ((byte = static_cast<unsigned char>(bytes[length])) != 0 && byte < 0x80 &&
+           length < sizeof wide / sizeof *wide)
+        wide[length++] = byte;
+    if (byte == 0) {
+        if (length > out.capacity())
+            Scrub(out);
+        out.assign(wide, length);
+    } else {
+        AssignUTF8(out, bytes, length + strlen(bytes + length));
+    }
+    OPENSSL_cleanse(wide, length * sizeof *wide);  // the text may be a secret's
 }
 
 inline wxString TextFromUTF8(const char* bytes) {

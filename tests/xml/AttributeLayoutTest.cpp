@@ -136,7 +136,7 @@ TEST(AttributeLayoutTest, CaseBlindLookupFindsTheFirstNameInWalkOrder) {
 
 // Names that no other record has, past the bounds of what is shared.
 TEST(AttributeLayoutTest, NamesMadeFromDataStayCorrectPastTheSharingBounds) {
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 600; ++i) {
         std::vector<Step> steps;
         for (int j = 0; j < 5; ++j)
             steps.push_back({"f" + std::to_string(i) + "_" + std::to_string(j), ""});
