@@ -1,6 +1,7 @@
 #include "core/xml/AttributeTable.h"
 
 #include <algorithm>
+#include <new>
 
 namespace VeskCore {
 
@@ -18,11 +19,19 @@ void AttributeTable::Take(AttributeLayout::Step step, const char* name) {
 
 void AttributeTable::Add(const char* name, const XMLAttribute& attribute) {
     Take(AttributeLayout::Step::kAdd, name);
-    if (m_layout->Slots() == m_values.size())
+    if (m_layout->Slots() == m_count)
         return;  // the name was there
-    if (m_values.size() == m_values.capacity())
-        m_values.reserve(std::max<size_t>(m_layout->ReserveHint(), 2 * m_values.size()));
-    m_values.push_back(attribute);
+    if (m_count == m_capacity)
+        Grow();
+    new (&Slots()[m_count++]) XMLAttribute(attribute);
+}
+
+void AttributeTable::Grow() {
+    const size_t capacity = std::max<size_t>(m_layout->ReserveHint(), 2 * m_capacity);
+    std::unique_ptr<XMLAttribute[]> slots(new XMLAttribute[capacity]);
+    std::copy(Slots(), Slots() + m_count, slots.get());
+    m_heap = std::move(slots);
+    m_capacity = capacity;
 }
 
 void AttributeTable::Erase(const char* name) {

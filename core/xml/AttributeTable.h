@@ -1,6 +1,8 @@
 // A record's attribute table: its members, in the order they were
 // registered, under the names of a shared AttributeLayout. A walk yields
-// {first: name, second: attribute} pairs in the layout's walk order.
+// {first: name, second: attribute} pairs in the layout's walk order. The
+// entries of a record with a few attributes live in the record itself, which
+// spares every record read from a list an allocation.
 //
 // Thread safety: none, like the record it belongs to.
 #pragma once
@@ -54,23 +56,29 @@ class VESK_EXPORT AttributeTable {
     XMLAttribute* FindNoCase(const wxString& name) { return At(m_layout->FindNoCase(name)); }
     bool empty() const { return m_layout->IsEmpty(); }
 
-    Iterator<XMLAttribute> begin() { return {Walk().data(), m_values.data()}; }
-    Iterator<XMLAttribute> end() { return {Walk().data() + Walk().size(), m_values.data()}; }
-    Iterator<const XMLAttribute> begin() const { return {Walk().data(), m_values.data()}; }
-    Iterator<const XMLAttribute> end() const {
-        return {Walk().data() + Walk().size(), m_values.data()};
-    }
+    Iterator<XMLAttribute> begin() { return {Walk().data(), Slots()}; }
+    Iterator<XMLAttribute> end() { return {Walk().data() + Walk().size(), Slots()}; }
+    Iterator<const XMLAttribute> begin() const { return {Walk().data(), Slots()}; }
+    Iterator<const XMLAttribute> end() const { return {Walk().data() + Walk().size(), Slots()}; }
 
   private:
     const std::vector<AttributeLayout::Entry>& Walk() const { return m_layout->Walk(); }
-    XMLAttribute* At(int slot) {
-        return slot >= 0 ? &m_values[static_cast<size_t>(slot)] : nullptr;
-    }
+    XMLAttribute* Slots() { return m_heap ? m_heap.get() : m_inline; }
+    const XMLAttribute* Slots() const { return m_heap ? m_heap.get() : m_inline; }
+    XMLAttribute* At(int slot) { return slot >= 0 ? &Slots()[slot] : nullptr; }
     void Take(AttributeLayout::Step step, const char* name);
+    void Grow();
+
+    static constexpr size_t kInline = 6;
 
     const AttributeLayout* m_layout;
     std::unique_ptr<AttributeLayout> m_ownLayout;  // when m_layout is not shared
-    std::vector<XMLAttribute> m_values;            // by slot
+    size_t m_count = 0;                            // slots taken
+    size_t m_capacity = kInline;
+    std::unique_ptr<XMLAttribute[]> m_heap;  // the slots, once more than kInline
+    union {
+        XMLAttribute m_inline[kInline];  // the slots until then, made as taken
+    };
 };
 
 }  // namespace VeskCore

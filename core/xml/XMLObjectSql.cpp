@@ -56,13 +56,15 @@ void BindText(wxSQLite3Statement& statement, int position, const wxString& text)
     char bytes[256];
     const size_t length = text.length();
     if (length < sizeof bytes) {
+        // Narrowed whole and judged after: a loop without an early exit
+        // runs many characters at a time.
         const wxStringCharType* characters = text.wx_str();
-        size_t i = 0;
-        while (i < length && static_cast<wxUint32>(characters[i]) < 0x80) {
+        wxUint32 seen = 0;
+        for (size_t i = 0; i < length; ++i) {
+            seen |= static_cast<wxUint32>(characters[i]);
             bytes[i] = static_cast<char>(characters[i]);
-            ++i;
         }
-        if (i == length) {
+        if (seen < 0x80) {
             bytes[length] = '\0';
             statement.Bind(position, static_cast<const char*>(bytes));
             return;
