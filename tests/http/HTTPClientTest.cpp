@@ -3,10 +3,15 @@
 // server, and tinyproxy asking for credentials.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <wx/mstream.h>
 #include <zlib.h>
+
+#include <string>
+#include <thread>
 
 #include "core/http/OpenSslUtil.h"
 #include "core/http/SSLContext.h"
@@ -174,6 +179,55 @@ TEST(HTTPClientPeers, ConnectFailuresTellHostAndPort) {
         const std::string queued = OpenSSLError().utf8_string();
         EXPECT_TRUE(row.queued.empty() ? none : queued.find(row.queued) != queued.npos) << queued;
     }
+}
+
+// A name that resolves to two addresses, the first refusing: the client
+// goes on to the second, and says what the first did.
+TEST(HTTPClientPeers, FirstOfTwoAddressesRefuses) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo("localhost", "80", &hints, &found) != 0)
+        GTEST_SKIP() << "localhost does not resolve";
+    const bool sixThenFour = found->ai_family == AF_INET6 && found->ai_next != nullptr &&
+                             found->ai_next->ai_family == AF_INET;
+    freeaddrinfo(found);
+    if (!sixThenFour)
+        GTEST_SKIP() << "localhost does not resolve to ::1 and then 127.0.0.1";
+
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                listen(listener, 4) == 0 &&
+                getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0);
+    const std::string port = std::to_string(ntohs(address.sin_port));
+    std::thread peer([listener] {
+        pollfd waiting{listener, POLLIN, 0};
+        if (poll(&waiting, 1, kPeerMs) != 1)
+            return;
+        const int fd = accept(listener, nullptr, nullptr);
+        char request[4096];
+        std::string seen;
+        while (seen.find("\r\n\r\n") == std::string::npos) {
+            pollfd readable{fd, POLLIN, 0};
+            const ssize_t got =
+                poll(&readable, 1, kPeerMs) == 1 ? recv(fd, request, sizeof request, 0) : -1;
+            if (got <= 0)
+                break;
+            seen.append(request, static_cast<size_t>(got));
+        }
+        SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+        close(fd);
+    });
+    CapturingLog log;
+    CHTTPClient client(nullptr, true);
+    wxMemoryOutputStream out;
+    EXPECT_TRUE(client.Get(W("http://localhost:" + port + "/"), out, false));
+    EXPECT_EQ(Bytes(out), "ok");
+    EXPECT_TRUE(log.Contains("couldn't connect to [::1]:" + port)) << port;
+    peer.join();
+    close(listener);
 }
 
 class HTTPClientServersTest : public testing::Test {
