@@ -45,6 +45,11 @@ namespace {
 
 constexpr int kChunk = 16 * 1024;
 
+// The scratch strings of reading (see ScratchText).
+struct ElementNameScratch;
+struct AttributeNameScratch;
+struct AttributeValueScratch;
+
 // The text around the error on one line, columns kept: line ends become
 // blanks and tabs full stops.
 void LogContext(const char* context, int size) {
@@ -209,8 +214,6 @@ void XMLObject::Guarded(void* parser, Work work) {
     }
 }
 
-struct ElementNameScratch;
-
 void XMLObject::XML_StartElementHandler(void* parser, const char* name, const char** attributes) {
     Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
         ScratchText<ElementNameScratch> text;
@@ -281,9 +284,6 @@ void XMLObject::StartElementHandler(const wxString& name, const char** attribute
                        static_cast<long long>(XML_GetCurrentColumnNumber(parser)),
                        static_cast<long long>(XML_GetCurrentByteIndex(parser)));
 }
-
-struct AttributeNameScratch;
-struct AttributeValueScratch;
 
 bool XMLObject::SetAttributes(const char** attributes) {
     ScratchText<AttributeNameScratch> nameText;
