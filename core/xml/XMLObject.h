@@ -198,7 +198,7 @@ class VESK_EXPORT XMLObject {
     static void XML_CharacterDataHandler(void* parser, const char* text, int length);
     void StartElementHandler(const wxString& name, const char** attributes,
                              XML_ParserStruct* parser);
-    void EndElementHandler(const wxString& name, XML_ParserStruct* parser);
+    void EndElementHandler(const char* name, XML_ParserStruct* parser);  // name: UTF-8
     void CharacterDataHandler(const wxString& text);
     template <class Work>
     static void Guarded(void* parser, Work work);

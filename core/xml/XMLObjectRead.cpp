@@ -222,12 +222,10 @@ void XMLObject::XML_StartElementHandler(void* parser, const char* name, const ch
     });
 }
 
+// No record hook takes the name of a closing element: it stays in UTF-8.
 void XMLObject::XML_EndElementHandler(void* parser, const char* name) {
-    Guarded(parser, [&](XMLObject& record, XML_Parser expat) {
-        ScratchText<ElementNameScratch> text;
-        AssignUTF8(*text, name);
-        record.EndElementHandler(*text, expat);
-    });
+    Guarded(parser,
+            [&](XMLObject& record, XML_Parser expat) { record.EndElementHandler(name, expat); });
 }
 
 void XMLObject::XML_CharacterDataHandler(void* parser, const char* text, int length) {
@@ -307,9 +305,8 @@ bool XMLObject::SetAttributes(const char** attributes) {
     return applied && EndAttributes();
 }
 
-void XMLObject::EndElementHandler(const wxString& name, XML_ParserStruct* parser) {
-    if (LogTraceIsEnabled("XML"))
-        LogTrace("XML", "Finished XML Element </%.64s>", name.utf8_string().c_str());
+void XMLObject::EndElementHandler(const char* name, XML_ParserStruct* parser) {
+    LogTrace("XML", "Finished XML Element </%.64s>", name);
     if (EndElement())
         XML_SetUserData(parser, m_parent);
     else
